@@ -1,0 +1,49 @@
+#include "data/data.h"
+
+#include <fstream>
+#include <iostream>
+
+data::data(LSMatrixParameters const& p) {
+    parameters = p;
+    // -1 is the value that means "-int" did not give this bound.
+    if (parameters.lower == -1.0) parameters.lower = 0.0;
+    if (parameters.upper == -1.0) parameters.upper = 1e12;
+    std::cout.clear();
+
+    read_genetic_map();
+    read_haplotype_data();
+    read_genotype_data();
+    read_strand_data();
+    read_exclusion_list();
+
+    int const removed = remove_excluded_snps();
+    std::cout << "   " << removed << " SNPs removed." << std::endl;
+
+    setup();
+    if (parameters.seen("-exclude_samples")) apply_sample_exclusions();
+    write_aux_file();
+}
+
+int data::remove_excluded_snps() {
+    int removed = 0;
+    for (std::string const& id : excluded_snp_ids) {
+        for (auto it = snps.begin(); it != snps.end(); ++it) {
+            if (it->second.snp_id == id || it->second.rs_id == id) {
+                snps.erase(it);
+                ++removed;
+                break;
+            }
+        }
+    }
+    return removed;
+}
+
+void data::write_aux_file() const {
+    std::ofstream aux(parameters.aux_filename, std::ios::out | std::ios::trunc);
+    if (!aux.is_open()) {
+        std::cout << std::endl << "Warning can't write aux file: " << parameters.aux_filename << std::endl;
+        return;
+    }
+    std::cout << std::endl << "writing .aux file: " << parameters.aux_filename << std::endl << std::endl;
+    parameters.parameters_summary(aux);
+}

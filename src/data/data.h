@@ -1,0 +1,54 @@
+// The input store: everything a run reads, built by the constructor.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "data/badfilename.h"
+#include "data/snp.h"
+#include "params/parameters.h"
+
+class data {
+public:
+    data() = default;
+    // The whole input stage; throws badfilename on fatal input errors.
+    explicit data(LSMatrixParameters const& p);
+    data(data const&) = default;
+    data& operator=(data const&) = default;
+    virtual ~data() = default;
+
+    double theta = 0.0;
+    LSMatrixParameters parameters;
+    std::vector<double> map_genetic;
+    std::vector<double> map_positions;
+    std::set<std::string> excluded_snp_ids;
+    std::map<std::string, int> sample_index;
+    std::vector<std::string> excluded_sample_ids;
+    int n_haplotypes = -1;
+    int n_individuals = -1;
+    std::map<double, snp> snps;
+    std::vector<std::vector<double>> mutation_matrix;
+
+    void read_genetic_map();
+    void read_haplotype_data();
+    void read_genotype_data();
+    void read_strand_data();
+    void read_exclusion_list();
+    void setup();
+    void apply_sample_exclusions();
+    void read_sample_file();
+    void read_sample_exclusion_file();
+    void set_switch_rates();
+    void set_mutation_matrix(int const& n);
+    void output_snp_info() const;
+
+    // Removes, for each excluded identifier, the first record carrying it;
+    // returns how many records were removed.
+    int remove_excluded_snps();
+    void write_aux_file() const;
+};
+
+// Complement of a one-letter allele; anything else warns and gives "N".
+std::string flip(std::string allele);

@@ -1,0 +1,50 @@
+// The run object: the loaded data store plus the haplotype-copying engine.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem/path.hpp>
+
+#include "data/data.h"
+#include "trees/tree.h"
+
+class HMM : public data {
+public:
+    using node = tree_node;
+
+    // Results of one tree position.
+    struct matrix_data {
+        std::string name;                     // "<output>.<position, fixed, 0 decimals>"
+        std::vector<double> haplotype_sums;   // per haplotype, summed over individuals
+        std::string tree;                     // tree text from the tree map
+        std::map<int, node> nodes;            // parsed tree ("-tavlo_input" only)
+        // node id -> per individual [P(both copies below), P(exactly one below)]
+        std::map<int, std::vector<std::vector<double>>> branch_genotypes;
+        ~matrix_data();
+    };
+
+    HMM() = default;
+    HMM& operator=(data const& loaded) {
+        data::operator=(loaded);
+        return *this;
+    }
+
+    // Full-storage passes: fill forward_probs / backward_probs of every SNP.
+    void forward(int const& individual);
+    void backward(int const& individual);
+
+    void read_tree(std::string const& text, std::map<int, node>& tree, int const& leaves);
+
+    // Pair posterior at a position between (or at) two SNPs; out is resized to K(K+1)/2.
+    void find_matrix_private(std::vector<double>& out, double const& rate, double const& left_distance,
+                             double const& right_distance, std::vector<double> const& backward_right,
+                             std::vector<double> const& forward_left);
+
+    void print_matrix(std::map<double, std::string>& trees, LSMatrixParameters const& parameters);
+    void print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,
+                              bool const& detail, std::map<double, std::vector<std::vector<double>>>& details);
+    void output_details(std::string const& file_name, std::vector<std::vector<double>> const& values);
+    void output_pardo(std::map<double, matrix_data>& positions);
+};

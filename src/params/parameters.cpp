@@ -1,0 +1,182 @@
+#include "params/parameters.h"
+
+#include <cstdlib>
+#include <iomanip>
+#include <iostream>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "app/console.h"
+
+const std::string HelpException::m_what = "Help wanted";
+const std::string FlagException::m_message = "ERROR!!! Flag error";
+const std::string BadInputValueException::m_message = "ERROR!!! Bad value given for flag";
+const std::string MissingFlagException::m_message = "ERROR!!! Must specify a value for flag";
+
+Parameters::Parameters() : aux_filename("aux1") {}
+Parameters::~Parameters() = default;
+
+LSMatrixParameters::LSMatrixParameters() { reset_parameters(); }
+LSMatrixParameters::~LSMatrixParameters() = default;
+
+void LSMatrixParameters::reset_parameters() {
+    exclude_snps_files.clear();
+    required_flags.clear();
+    flag_dependencies.clear();
+
+    tree_filename = "tree_map.txt";
+    command_line.clear();
+    buffer = 500;
+    call_thresh = 0.9;
+    tavlo_input = false;
+    detail = false;
+    exclude_samples_file = "NULL";
+    genotype_file = "NULL";
+    haplotype_file = "NULL";
+    legend_file = "NULL";
+    lower = -1;
+    genetic_map_file = "NULL";
+    Ne = 11418;
+    num_individuals = 0;
+    print_matrix = false;
+    sample_file = "NULL";
+    strand_file = "NULL";
+    theta = -1;
+    tree_file = "NULL";
+    upper = -1;
+    threads = 1;
+
+    required_flags = {"-h", "-l", "-m", "-tree_file", "-g", "-o"};
+    flag_dependencies["-exclude_samples"] = {"-sample"};
+}
+
+namespace {
+
+// The argument at index i + offset, which a value flag at index i needs.
+std::string value_after(int argc, char** argv, int i, int offset) {
+    if (i + offset >= argc)
+        throw MissingFlagException(argv[i], MissingFlagException::m_message + argv[i]);
+    return argv[i + offset];
+}
+
+bool begins_with_dash(char const* s) { return s[0] == '-'; }
+
+}  // namespace
+
+void LSMatrixParameters::process_parameters(int argc, char** argv) {
+    reset_parameters();
+
+    for (int i = 0; i < argc; ++i) {
+        std::string const arg = argv[i];
+        command_line += arg + " ";
+        if (!begins_with_dash(argv[i])) continue;
+        flags_seen.insert(arg);
+
+        // Independent comparisons, as the flags are matched by whole-string equality.
+        if (arg == "-help") throw HelpException();
+        if (arg == "-h") haplotype_file = value_after(argc, argv, i, 1);
+        if (arg == "-l") legend_file = value_after(argc, argv, i, 1);
+        if (arg == "-m") genetic_map_file = value_after(argc, argv, i, 1);
+        if (arg == "-int") {
+            std::string lo = value_after(argc, argv, i, 1);
+            std::string hi = value_after(argc, argv, i, 2);
+            lower = std::atof(lo.c_str());
+            upper = std::atof(hi.c_str());
+        }
+        if (arg == "-tree_file") tree_file = value_after(argc, argv, i, 1);
+        if (arg == "-g") genotype_file = value_after(argc, argv, i, 1);
+        if (arg == "-buffer") buffer = std::atoi(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-tavlo_input") tavlo_input = true;
+        if (arg == "-call_thresh") call_thresh = std::atof(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-detail") detail = true;
+        if (arg == "-exclude_snps") {
+            for (int j = i + 1; j < argc && !begins_with_dash(argv[j]); ++j)
+                exclude_snps_files.push_back(argv[j]);
+        }
+        if (arg == "-exclude_samples") exclude_samples_file = value_after(argc, argv, i, 1);
+        if (arg == "-Ne") Ne = std::atof(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-o") {
+            output_file = value_after(argc, argv, i, 1);
+            output_dir = output_file.parent_path();
+        }
+        if (arg == "-print_matrix") print_matrix = true;
+        if (arg == "-sample") sample_file = value_after(argc, argv, i, 1);
+        if (arg == "-strand") strand_file = value_after(argc, argv, i, 1);
+        if (arg == "-theta") theta = std::atof(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-tree_filename") tree_filename = value_after(argc, argv, i, 1);
+        if (arg == "-threads") threads = std::atoi(value_after(argc, argv, i, 1).c_str());
+    }
+
+    if (Ne == -1 || Ne < 0 || Ne > 30000) std::cout << "Error: Ne needs to be set" << std::endl;
+
+    for (std::string const& flag : required_flags)
+        if (!seen(flag)) throw MissingFlagException(flag, FlagException::m_message + flag);
+
+    for (auto const& dependency : flag_dependencies) {
+        if (!seen(dependency.first)) continue;
+        for (std::string const& needed : dependency.second)
+            if (!seen(needed)) throw MissingFlagException(needed, FlagException::m_message + needed);
+    }
+
+    if (!boost::filesystem::exists(output_dir)) {
+        std::cout << "Creating directory " << output_dir.string() << std::endl;
+        if (!output_dir.empty()) boost::filesystem::create_directories(output_dir);
+    }
+}
+
+void LSMatrixParameters::parameters_help(std::ostream& os) const {
+    auto row = [&os](char const* flag, char const* text) {
+        os << std::left << std::setw(33) << flag << text;
+    };
+    os << "Ketra help menu." << "\n\n";
+    os << "Essential parameters are:\n";
+    row("-h <file> ", ": the reference panel (e.g. HapMap) file\n");
+    row("-l <file> ", ": the legend file to the reference panel\n");
+    row("-m <file> ... ", ": the recombinaion rate file\n");
+    row("-int <pos1> <pos2> ", ": the physical position interval of interest (pos2>pos1) \n");
+    row("-tree_file <file>", ": the tree file \n");
+    row("-g <file> ", ": the genotype file in pardo format\n\n");
+    os << "Optional parameters are:\n";
+    row("-buffer <int>", ": the buffer region either side of region of interest in kb, default is 500\n");
+    row("-call_thresh <p>", ": the threshold of the genotype probabilities, default is 0.9\n");
+    row("-exclude_snps <file>", ": the file of snpids and rsids for SNPs to be excluded\n");
+    row("-exclude_samples <file>",
+        ": the set of sample ids of individuals to be excluded, sample file must be supplied\n");
+    row("-Ne <n>", ": the effective population side, defaults to 11418\n");
+    row("-sample <file>", ": the sample file for the set of individuals in the supplied genotype file\n");
+    row("-strand <file>", ": the strand file\n\n");
+    os << std::right;
+}
+
+void LSMatrixParameters::parameters_summary(std::ostream& os) const {
+    os << "Command line output is:\n" << command_line << "\n\n";
+    os << "FILE INPUTS" << "\n";
+    label_60(os, "haplotype file: ") << haplotype_file.string() << "\n";
+    label_60(os, "legend file: ") << legend_file << "\n";
+    label_60(os, "genetic map file: ") << genetic_map_file << "\n";
+    label_60(os, "genotype file: ") << genotype_file.string() << "\n";
+    label_60(os, "output file: ") << output_file.string() << "\n";
+    label_60(os, "tree file: ") << tree_file.string() << "\n";
+    label_60(os, "strand file: ");
+    if (seen("-strand")) os << strand_file;
+    os << "\n";
+    label_60(os, "SNP exclusion list: ");
+    if (seen("-exclude_snps"))
+        for (std::string const& f : exclude_snps_files) os << f << " ";
+    os << "\n";
+    label_60(os, "sample file: ");
+    if (seen("-sample")) os << sample_file.string();
+    os << "\n";
+    label_60(os, "sample exclusion list: ");
+    if (seen("-exclude_samples")) os << exclude_samples_file.string();
+    os << "\n\n";
+
+    os << "PARAMETER INPUTS" << "\n";
+    print_count(os, "buffer: ", buffer);
+    print_count(os, "call threshold: ", call_thresh);
+    print_count(os, "lower: ", lower);
+    print_count(os, "upper: ", upper);
+    print_count(os, "Ne: ", Ne);
+    print_count(os, "theta: ", theta);
+    os << "\n";
+}

@@ -1,0 +1,98 @@
+// Run settings: the command line of a run and everything derived from it.
+#pragma once
+
+#include <map>
+#include <ostream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem/path.hpp>
+
+// Polymorphic base of the run settings: the flags seen on the command line,
+// the aux file name and the rules that process_parameters checks.
+class Parameters {
+public:
+    Parameters();
+    virtual ~Parameters();
+
+    std::set<std::string> flags_seen;     // every argument starting with "-", as typed
+    std::string aux_filename;             // "aux1" until the driver sets "<output>.aux"
+    std::vector<std::string> required_flags;
+    std::map<std::string, std::vector<std::string>> flag_dependencies;
+
+    virtual void parameters_summary(std::ostream& os) const = 0;
+    virtual void parameters_help(std::ostream& os) const = 0;
+    virtual void reset_parameters() = 0;
+
+    bool seen(std::string const& flag) const { return flags_seen.count(flag) != 0; }
+};
+
+class LSMatrixParameters : public Parameters {
+public:
+    LSMatrixParameters();
+    LSMatrixParameters(LSMatrixParameters const&) = default;
+    LSMatrixParameters& operator=(LSMatrixParameters const&) = default;
+    ~LSMatrixParameters() override;
+
+    boost::filesystem::path tree_filename;
+    std::string command_line;
+    double buffer;
+    double call_thresh;
+    bool tavlo_input;
+    bool detail;
+    std::vector<std::string> exclude_snps_files;
+    boost::filesystem::path exclude_samples_file;
+    boost::filesystem::path genotype_file;
+    boost::filesystem::path haplotype_file;
+    std::string legend_file;
+    double lower;
+    std::string genetic_map_file;
+    double Ne;
+    int num_individuals;
+    boost::filesystem::path output_dir;
+    boost::filesystem::path output_file;
+    bool print_matrix;
+    boost::filesystem::path sample_file;
+    std::string strand_file;
+    double theta;
+    boost::filesystem::path tree_file;
+    double upper;
+    // Worker threads for the per-individual work; results do not depend on it.
+    int threads;
+
+    void process_parameters(int argc, char** argv);
+    void parameters_summary(std::ostream& os) const override;
+    void parameters_help(std::ostream& os) const override;
+    void reset_parameters() override;
+};
+
+// Thrown by "-help".
+class HelpException {
+public:
+    static const std::string m_what;
+};
+
+class FlagException {
+public:
+    static const std::string m_message;
+    FlagException(std::string flag, std::string message)
+        : flag(std::move(flag)), message(std::move(message)) {}
+    std::string flag;
+    std::string message;
+};
+
+class BadInputValueException {
+public:
+    static const std::string m_message;
+};
+
+// A required flag that is absent, or a value flag with no value after it.
+class MissingFlagException {
+public:
+    static const std::string m_message;
+    MissingFlagException(std::string flag, std::string message)
+        : flag(std::move(flag)), message(std::move(message)) {}
+    std::string flag;
+    std::string message;
+};
