@@ -12,6 +12,10 @@ struct tree_node {
     double time = 0.0;             // height: 0 for a leaf, the merge time otherwise
     double parent_time = 0.0;      // height of the parent; 0 for the root
     double branch_length = 0.0;    // parent_time - time; 0 for the root
+    // Ids of the two merged nodes (-1 for a leaf); lets per-branch sums be
+    // built bottom-up instead of over leaf sets.
+    int child_a = -1;
+    int child_b = -1;
 };
 
 // Node table: ids 0..n-1 are the leaves, n, n+1, ... the merges in text order.
