@@ -9,4 +9,3 @@ void HMM::read_tree(std::string const& text, std::map<int, node>& tree, int cons
 }
 void HMM::find_matrix_private(std::vector<double>&, double const&, double const&, double const&,
                               std::vector<double> const&, std::vector<double> const&) {}
-void HMM::print_matrix(std::map<double, std::string>&, LSMatrixParameters const&) {}

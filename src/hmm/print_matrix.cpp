@@ -1,0 +1,207 @@
+// The matrix run: every individual's passes, the per-position summaries, the
+// progress line, and the writers at the end.
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "app/progress.h"
+#include "hmm/hmm.h"
+#include "hmm/kernel.h"
+#include "hmm/writers.h"
+
+namespace {
+
+// What one individual contributes, held until it is committed in individual order.
+struct individual_result {
+    std::vector<double> haplotype_probs;      // positions x K
+    std::vector<std::string> full_matrix;     // per position, with "-print_matrix"
+    int failed_position = -1;                 // position of a branch without results
+};
+
+// Appends .full_matrix text, keeping files open while there are few of them.
+class full_matrix_files {
+public:
+    void append(std::string const& file_name, std::string const& text) {
+        auto found = open_.find(file_name);
+        if (found == open_.end() && open_.size() < max_open) {
+            found = open_.emplace(file_name, std::make_unique<std::ofstream>(file_name, std::ios::app)).first;
+        }
+        if (found != open_.end()) {
+            found->second->write(text.data(), static_cast<std::streamsize>(text.size()));
+            return;
+        }
+        std::ofstream once(file_name, std::ios::app);
+        once.write(text.data(), static_cast<std::streamsize>(text.size()));
+    }
+
+private:
+    static constexpr std::size_t max_open = 200;
+    std::map<std::string, std::unique_ptr<std::ofstream>> open_;
+};
+
+void draw_progress(int done, int total) {
+    std::cout << "\r" << get_progress_bar(60, static_cast<double>(done) / total) << std::setw(10) << done << "/"
+              << total << std::flush;
+}
+
+}  // namespace
+
+void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters const& parameters) {
+    int const K = n_haplotypes;
+    int const N = std::max(n_individuals, 0);
+    bool const detail = parameters.detail;
+    bool const full_matrix = parameters.print_matrix;
+    bool const tavlo = parameters.tavlo_input;
+
+    std::vector<std::vector<double>> detail_template;
+    if (detail) detail_template.assign(K, std::vector<double>(N, 0.0));
+
+    // Select the tree positions that lie within the SNPs.
+    std::map<double, matrix_data> positions;
+    std::map<double, std::vector<std::vector<double>>> details;
+    {
+        std::ofstream aux(parameters.aux_filename, std::ios::app);
+        for (auto const& entry : trees) {
+            double const t = entry.first;
+            if (!snps.empty() && snps.begin()->first <= t && t <= snps.rbegin()->first) {
+                matrix_data position;
+                std::ostringstream name;
+                name << parameters.output_file.string() << "." << std::fixed << std::setprecision(0) << t;
+                position.name = name.str();
+                position.haplotype_sums.assign(K, 0.0);
+                position.tree = entry.second;
+                if (detail) details[t] = detail_template;
+                if (full_matrix) std::remove((position.name + ".full_matrix").c_str());
+                positions.emplace(t, std::move(position));
+            } else {
+                aux << "position " << t << " ignored: no genotype or reference haplotype information" << "\n";
+            }
+        }
+    }
+
+    if (tavlo) {
+        std::vector<std::vector<double>> const row_template(N, std::vector<double>(2, 0.0));
+        for (auto& entry : positions) {
+            matrix_data& position = entry.second;
+            read_tree(position.tree, position.nodes, K);
+            for (auto const& n : position.nodes)
+                if (n.second.branch_length > 0) position.branch_genotypes[n.first] = row_template;
+        }
+    }
+
+    // The engine's view of the panel and of the positions, shared by all threads.
+    engine_panel const panel = make_engine_panel(*this);
+    std::vector<double> position_list;
+    for (auto const& entry : positions) position_list.push_back(entry.first);
+    std::vector<position_flanks> const flanks = make_position_flanks(*this, position_list);
+    std::vector<matrix_data*> position_data;
+    for (auto& entry : positions) position_data.push_back(&entry.second);
+    std::size_t const P = position_data.size();
+
+    // Per position: the branch layout for the fast per-branch sums, and the
+    // first branch (if any) that has no rows, which stops the run.
+    std::vector<branch_layout> layouts(tavlo ? P : 0);
+    std::vector<bool> missing_branch(P, false);
+    if (tavlo) {
+        for (std::size_t p = 0; p < P; ++p) {
+            layouts[p] = make_branch_layout(position_data[p]->nodes, K);
+            for (auto const& n : position_data[p]->nodes)
+                if (n.second.branch_length != 0 && position_data[p]->branch_genotypes.count(n.first) == 0)
+                    missing_branch[p] = true;
+        }
+    }
+
+    std::cout << "Performing forward and backward calculations (this may take a while, please be patient)."
+              << std::endl;
+    draw_progress(0, N);
+
+    full_matrix_files full_matrix_out;
+    std::mutex commit_mutex;
+    std::condition_variable committed;
+    int next_to_commit = 0;
+    std::atomic<int> next_individual{0};
+
+    // Adds individual n's results in individual order, so that sums and files
+    // are the same whatever the number of threads.
+    auto commit = [&](int n, individual_result const& result) {
+        for (std::size_t p = 0; p < P; ++p) {
+            if (full_matrix) full_matrix_out.append(position_data[p]->name + ".full_matrix", result.full_matrix[p]);
+            if (static_cast<int>(p) == result.failed_position) {
+                std::cout << "pardo data does not contain this SNP." << std::endl;
+                std::fflush(stdout);
+                std::_Exit(1);
+            }
+            std::vector<double>& sums = position_data[p]->haplotype_sums;
+            double const* m = &result.haplotype_probs[p * K];
+            for (int k = 0; k < K; ++k) sums[k] += m[k];
+        }
+        draw_progress(n + 1, N);
+    };
+
+    auto worker = [&]() {
+        pair_workspace workspace(panel, flanks);
+        individual_result result;
+        result.haplotype_probs.assign(P * K, 0.0);
+        if (full_matrix) result.full_matrix.assign(P, std::string());
+        std::vector<int> genotypes(panel.n_snps);
+        std::vector<double> m(K);
+        double branch[2];
+        for (int n; (n = next_individual.fetch_add(1)) < N;) {
+            int s = 0;
+            for (auto const& entry : snps) genotypes[s++] = entry.second.genotypes[n];
+            result.failed_position = -1;
+            individual_posteriors(panel, flanks, genotypes.data(), workspace, [&](int p, double const* pair_posterior) {
+                double* probs = &result.haplotype_probs[p * K];
+                haplotype_probabilities(K, pair_posterior, probs);
+                if (full_matrix) {
+                    result.full_matrix[p].clear();
+                    append_full_matrix_block(result.full_matrix[p], pair_posterior, K);
+                }
+                if (tavlo) {
+                    if (missing_branch[p]) {
+                        if (result.failed_position < 0 || p < result.failed_position) result.failed_position = p;
+                        return;
+                    }
+                    branch_layout const& layout = layouts[p];
+                    branch_sums(layout, pair_posterior, probs, workspace);
+                    for (std::size_t b = 0; b < layout.branch_ids.size(); ++b) {
+                        branch_row(layout, workspace, b, branch);
+                        std::vector<double>& row = position_data[p]->branch_genotypes[layout.branch_ids[b]][n];
+                        row[0] = branch[0];
+                        row[1] = branch[1];
+                    }
+                }
+                if (detail) {
+                    std::vector<std::vector<double>>& d = details[position_list[p]];
+                    for (int k = 0; k < K; ++k) d[k][n] += probs[k];
+                }
+            });
+            std::unique_lock<std::mutex> lock(commit_mutex);
+            committed.wait(lock, [&] { return next_to_commit == n; });
+            commit(n, result);
+            ++next_to_commit;
+            committed.notify_all();
+        }
+    };
+
+    int const threads = std::max(1, std::min(parameters.threads, N));
+    std::vector<std::thread> pool;
+    for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
+    worker();
+    for (auto& t : pool) t.join();
+
+    print_matrix_private(positions, parameters.output_file, detail, details);
+    if (tavlo) output_pardo(positions);
+    std::cout << std::endl << "finished" << std::endl;
+}
