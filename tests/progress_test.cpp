@@ -10,6 +10,7 @@ TEST(ProgressBar, FillsByTruncatedFractionAndClamps) {
     EXPECT_EQ(get_progress_bar(10, 1.7), "[**********]");
     EXPECT_EQ(get_progress_bar(10, -0.5), "[          ]");
     EXPECT_EQ(get_progress_bar(0, 0.5), "[]");
+    EXPECT_EQ(get_progress_bar(4, 0.0 / 0.0), "[    ]");
     EXPECT_EQ(get_progress_bar(3, 0.999), "[** ]");
     for (unsigned long w : {1ul, 7ul, 60ul})
         for (double f : {0.0, 0.3, 0.5, 1.0}) EXPECT_EQ(get_progress_bar(w, f).size(), w + 2);

@@ -8,7 +8,8 @@
 #include "hmm/hmm.h"
 
 std::string get_progress_bar(unsigned long width, double fraction) {
-    if (fraction < 0) fraction = 0;
+    // NaN (0/0 when there are no individuals) draws an empty bar.
+    if (!(fraction >= 0)) fraction = 0;
     if (fraction > 1) fraction = 1;
     unsigned long const filled = static_cast<unsigned long>(fraction * width);
     return "[" + std::string(filled, '*') + std::string(width - filled, ' ') + "]";
