@@ -3,6 +3,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/console.h"
@@ -91,8 +92,8 @@ void data::read_genotype_data() {
         s.snp_id = snp_id;
         s.genotype_allele_a = allele_a;
         s.genotype_allele_b = allele_b;
-        s.genotype_probs = probs;
-        s.genotypes = calls;
+        s.genotype_probs = std::move(probs);
+        s.genotypes = std::move(calls);
         s.genotype_frequency = frequency;
         s.data_type = 2;
         ++kept;
