@@ -1,0 +1,76 @@
+// The sample file and the removal of excluded individuals.
+#include <fstream>
+#include <iostream>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "app/console.h"
+#include "data/data.h"
+#include "data/text_stream.h"
+
+void data::read_sample_file() {
+    std::string const file = parameters.sample_file.string();
+    std::cout << "Reading sample file ... " << std::flush;
+    std::ifstream in(file);
+    if (!in.is_open()) throw badfilename(file, "can't open sample file.");
+    std::string line;
+    read_text_line(in, line);  // two header lines
+    read_text_line(in, line);
+    sample_index.clear();
+
+    int index = 0;
+    while (read_text_line(in, line)) {
+        std::istringstream ls(line);
+        std::string id_1, id_2;
+        ls >> id_1 >> id_2;
+        // Both identifiers name the same column; an identifier seen before keeps its first index.
+        if (!id_1.empty()) sample_index.emplace(id_1, index);
+        if (!id_2.empty()) sample_index.emplace(id_2, index);
+        ++index;
+    }
+    if (index != n_individuals) throw badfilename(file, "sample file contains wrong number of individuals.");
+    std::cout << "done" << std::endl;
+}
+
+void data::read_sample_exclusion_file() {
+    std::string const file = parameters.exclude_samples_file.string();
+    std::cout << "Reading sample exclusion file ... " << std::flush;
+    std::ifstream in(file);
+    if (!in.is_open()) throw badfilename(file, "can't open sample file.");
+    std::string id;
+    int count = 0;
+    while (in >> id) {
+        excluded_sample_ids.push_back(id);
+        ++count;
+    }
+    in.close();
+    std::cout << "done" << std::endl;
+    print_count(std::cout, "number of ids in sample exclusion list: ", count);
+}
+
+void data::apply_sample_exclusions() {
+    read_sample_file();
+    read_sample_exclusion_file();
+    std::cout << "Applying sample filters ... " << std::flush;
+
+    std::set<int> columns;
+    for (std::string const& id : excluded_sample_ids) {
+        auto found = sample_index.find(id);
+        if (found != sample_index.end()) columns.insert(found->second);
+    }
+    // Largest index first, so the smaller ones still point at the same individuals.
+    for (auto it = columns.rbegin(); it != columns.rend(); ++it) {
+        std::size_t const i = static_cast<std::size_t>(*it);
+        for (auto& entry : snps) {
+            snp& s = entry.second;
+            if (i < s.genotypes.size()) s.genotypes.erase(s.genotypes.begin() + i);
+            if (i < s.genotype_probs.size()) s.genotype_probs.erase(s.genotype_probs.begin() + i);
+        }
+        --n_individuals;
+    }
+    std::cout << "done" << std::endl;
+    print_count(std::cout, "number of excluded sample ids in sample file: ", columns.size());
+    print_count(std::cout, "number of individuals remaining for clustering: ", n_individuals);
+    std::cout << std::endl;
+}

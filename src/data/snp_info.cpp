@@ -1,0 +1,34 @@
+// The per-SNP summary file written with -snp_info.
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include "data/data.h"
+
+void data::output_snp_info() const {
+    std::string const file = parameters.output_file.string() + ".snp_info.txt";
+    std::cout << "Outputing snp information to file " << file << " ... " << std::flush;
+    std::ofstream out(file, std::ios::out | std::ios::trunc);
+    if (!out.is_open()) throw badfilename(parameters.output_file.string() + "snp_info.txt", "can't open file");
+
+    out << std::fixed;
+    for (auto const& entry : snps) {
+        snp const& s = entry.second;
+        int counts[4] = {0, 0, 0, 0};
+        double sum = 0.0, called = 0.0;
+        for (int code : s.genotypes) {
+            if (code >= 0 && code <= 3) ++counts[code];
+            if (code != 3) {
+                sum += code;
+                called += 1.0;
+            }
+        }
+        out << s.snp_id << ' ' << s.rs_id << ' ' << entry.first << ' ' << s.hap_frequency << ' ' << s.strand << ' ';
+        for (int count : counts) out << count << ' ';
+        out << 0.5 * sum / called << ' ';
+        for (int code : s.genotypes) out << code << ' ';
+        out << '\n';
+    }
+    out.close();
+    std::cout << "done" << std::endl;
+}

@@ -1,0 +1,78 @@
+// Strand of the genotype alleles: from the strand file, or predicted from
+// allele frequencies with -fix_strand.
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "app/console.h"
+#include "data/data.h"
+#include "data/text_stream.h"
+
+std::string flip(std::string allele) {
+    if (allele == "A") return "T";
+    if (allele == "T") return "A";
+    if (allele == "C") return "G";
+    if (allele == "G") return "C";
+    std::cout << "WARNING!!! Unknown allele type " << allele << " detected during strand alignment" << std::endl;
+    return "N";
+}
+
+void data::read_strand_data() {
+    bool const fix = parameters.seen("-fix_strand");
+    std::string const& file = parameters.strand_file;
+    int lines_read = 0;
+    int applied = 0;
+
+    if (!parameters.seen("-strand")) {
+        std::cout << "WARNING!! You have not supplied a strand file. ";
+        if (fix)
+            std::cout << "Ketra will try to predict the strand by matching the allele frequencies in the reference "
+                         "and the inference data.";
+        else
+            std::cout << "All genotype data will be assumed to be on the forward strand.";
+        std::cout << std::endl << std::endl;
+    } else {
+        std::cout << "Reading strand file ... " << std::flush;
+        std::ifstream in(file);
+        if (!in.is_open()) throw badfilename(file, "can't open strand file");
+        std::string line;
+        while (read_text_line(in, line)) {
+            ++lines_read;
+            std::istringstream ls(line);
+            double position = 0.0;
+            std::string strand;
+            if (!(ls >> position >> strand)) continue;
+            auto found = snps.find(position);
+            if (found == snps.end()) continue;
+            found->second.strand = strand;
+            ++applied;
+        }
+        std::cout << "done" << std::endl;
+    }
+    print_count(std::cout, "Number of positions with strand information read: ", lines_read);
+    print_count(std::cout, "Number of positions where a strand is applied: ", applied);
+
+    int missing = 0;
+    for (auto& entry : snps) {
+        snp& s = entry.second;
+        if (s.strand != "*" || s.data_type != 2) continue;
+        ++missing;
+        if (!fix) continue;
+        double const r = s.hap_frequency;
+        double const g = s.genotype_frequency;
+        // Frequencies far apart but summing close to one: the coding is reversed.
+        if (std::fabs(r - g) > 0.2 && std::fabs(1.0 - r - g) < 0.2) {
+            for (int& call : s.genotypes)
+                if (call != 3) call = 2 - call;
+            for (auto& triple : s.genotype_probs) std::reverse(triple.begin(), triple.end());
+            s.strand = "f";
+            s.genotype_frequency = 1.0 - g;
+        }
+    }
+    label_60(std::cout, "Number of genotyped SNPs still missing a strand: ") << missing;
+    if (fix) std::cout << " (fixed by allele frequency)";
+    std::cout << std::endl;
+}
