@@ -1,0 +1,168 @@
+// Benchmark: generates a deterministic data set, then times the whole program
+// and the engine alone, with 1 and 2 threads (or the counts given).
+//
+//   ketra_bench [--K n] [--L n] [--N n] [--positions n] [--seed n]
+//               [--threads "1 2"] [--dir path] [--ketra path/to/ketra]
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "bench_inputs.h"
+#include "data/data.h"
+#include "hmm/hmm.h"
+#include "hmm/kernel.h"
+
+namespace {
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+std::vector<std::string> split(std::string const& text) {
+    std::istringstream in(text);
+    std::vector<std::string> words;
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
+}
+
+// Runs ketra with stdout to a log; returns wall seconds and the child's peak RSS in MiB.
+bool run_program(std::string const& ketra, std::vector<std::string> const& args, std::string const& log,
+                 double& wall, double& peak_mib) {
+    auto const start = std::chrono::steady_clock::now();
+    pid_t const pid = fork();
+    if (pid == 0) {
+        std::FILE* out = std::freopen(log.c_str(), "w", stdout);
+        (void)out;
+        std::vector<char*> argv;
+        argv.push_back(const_cast<char*>(ketra.c_str()));
+        for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(ketra.c_str(), argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    wall = seconds_since(start);
+    peak_mib = usage.ru_maxrss / 1024.0;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// Forward and backward passes plus posteriors for every individual, on the
+// given number of threads; returns wall seconds.
+double time_engine(HMM const& hmm, int threads) {
+    engine_panel const panel = make_engine_panel(hmm);
+    std::vector<double> positions;
+    // Evenly spread positions, as the generated tree map has them.
+    double const first = hmm.snps.begin()->first, last = hmm.snps.rbegin()->first;
+    for (int t = 0; t < 200; ++t) positions.push_back(first + (last - first) * (t + 0.5) / 200);
+    std::vector<position_flanks> const flanks = make_position_flanks(hmm, positions);
+    int const N = hmm.n_individuals, K = hmm.n_haplotypes;
+    std::atomic<int> next{0};
+    std::atomic<long> checksum_bits{0};
+    auto worker = [&] {
+        pair_workspace workspace(panel, flanks);
+        std::vector<int> genotypes(panel.n_snps);
+        std::vector<double> m(K);
+        double sum = 0;
+        for (int n; (n = next.fetch_add(1)) < N;) {
+            int s = 0;
+            for (auto const& entry : hmm.snps) genotypes[s++] = entry.second.genotypes[n];
+            individual_posteriors(panel, flanks, genotypes.data(), workspace, [&](int, double const* P) {
+                haplotype_probabilities(K, P, m.data());
+                sum += m[0];
+            });
+        }
+        checksum_bits += static_cast<long>(sum);
+    };
+    auto const start = std::chrono::steady_clock::now();
+    std::vector<std::thread> pool;
+    for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
+    worker();
+    for (auto& t : pool) t.join();
+    return seconds_since(start);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bench_sizes sizes;
+    std::string thread_list = "1 2";
+    std::string dir = "bench-data";
+    std::string ketra = "./ketra";
+    for (int i = 1; i + 1 < argc; i += 2) {
+        std::string const flag = argv[i], value = argv[i + 1];
+        if (flag == "--K") sizes.haplotypes = std::atoi(value.c_str());
+        else if (flag == "--L") sizes.snps = std::atoi(value.c_str());
+        else if (flag == "--N") sizes.individuals = std::atoi(value.c_str());
+        else if (flag == "--positions") sizes.positions = std::atoi(value.c_str());
+        else if (flag == "--seed") sizes.seed = static_cast<std::uint32_t>(std::atol(value.c_str()));
+        else if (flag == "--threads") thread_list = value;
+        else if (flag == "--dir") dir = value;
+        else if (flag == "--ketra") ketra = value;
+        else {
+            std::cout << "unknown option " << flag << "\n";
+            return 2;
+        }
+    }
+    boost::filesystem::create_directories(dir);
+    std::string const args = write_bench_inputs(sizes, dir);
+    int const K = sizes.haplotypes;
+    double const updates = 2.0 * sizes.individuals * sizes.snps * (K * (K + 1.0) / 2.0);
+
+    std::printf("data: K = %d haplotypes, L = %d SNPs, N = %d individuals, %d tree positions (seed %u)\n",
+                K, sizes.snps, sizes.individuals, sizes.positions, sizes.seed);
+    std::printf("pair-state updates (forward + backward): %.3g\n\n", updates);
+
+    std::printf("whole run (ketra %s -tavlo_input):\n", "...");
+    std::printf("%8s %12s %16s %14s %14s\n", "threads", "wall s", "updates/s", "ns/update", "peak RSS MiB");
+    for (std::string const& t : split(thread_list)) {
+        std::vector<std::string> run_args = split(args);
+        run_args.insert(run_args.end(), {"-o", dir + "/out-t" + t + "/matrix.txt", "-threads", t});
+        double wall = 0, peak = 0;
+        bool const ok = run_program(ketra, run_args, dir + "/log-t" + t + ".txt", wall, peak);
+        std::printf("%8s %12.2f %16.3g %14.3f %14.1f%s\n", t.c_str(), wall, updates / wall, wall / updates * 1e9, peak,
+                    ok ? "" : "  (run failed: see log)");
+    }
+
+    // The engine alone: load the data once (console output discarded), then
+    // time the passes and posteriors.
+    std::ostringstream discard;
+    std::streambuf* const saved = std::cout.rdbuf(discard.rdbuf());
+    LSMatrixParameters parameters;
+    std::vector<std::string> load_args = split(args);
+    load_args.insert(load_args.begin(), "ketra");
+    load_args.insert(load_args.end(), {"-o", dir + "/engine-only"});
+    std::vector<char*> load_argv;
+    for (auto& a : load_args) load_argv.push_back(&a[0]);
+    parameters.process_parameters(static_cast<int>(load_argv.size()), load_argv.data());
+    parameters.aux_filename = dir + "/engine-only.aux";
+    HMM hmm;
+    hmm = data(parameters);
+    std::cout.rdbuf(saved);
+
+    std::printf("\nengine alone (forward, backward and 200 posteriors per individual):\n");
+    std::printf("%8s %12s %16s %14s\n", "threads", "wall s", "updates/s", "ns/update");
+    for (std::string const& t : split(thread_list)) {
+        double const wall = time_engine(hmm, std::atoi(t.c_str()));
+        std::printf("%8s %12.2f %16.3g %14.3f\n", t.c_str(), wall, updates / wall, wall / updates * 1e9);
+    }
+    rusage self{};
+    getrusage(RUSAGE_SELF, &self);
+    std::printf("engine process peak RSS: %.1f MiB (data store included)\n", self.ru_maxrss / 1024.0);
+    return 0;
+}
