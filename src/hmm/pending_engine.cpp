@@ -2,13 +2,9 @@
 #include "hmm/hmm.h"
 
 HMM::matrix_data::~matrix_data() = default;
-void HMM::forward(int const&) {}
-void HMM::backward(int const&) {}
 void HMM::read_tree(std::string const& text, std::map<int, node>& tree, int const& leaves) {
     parse_tree(text, tree, leaves);
 }
-void HMM::find_matrix_private(std::vector<double>&, double const&, double const&, double const&,
-                              std::vector<double> const&, std::vector<double> const&) {}
 void HMM::print_matrix(std::map<double, std::string>&, LSMatrixParameters const&) {}
 void HMM::print_matrix_private(std::map<double, matrix_data>&, boost::filesystem::path const&, bool const&,
                                std::map<double, std::vector<std::vector<double>>>&) {}
