@@ -42,14 +42,18 @@ inline double reduce8(const double* a) {
 // Four doubles handled as one value; the compiler maps it onto the vector
 // registers of the target (two SSE registers on baseline x86-64, one AVX
 // register with -march=native), with the same results either way.
+// Without AVX the four lanes travel in two SSE registers; everything taking or
+// returning one is inlined, so no call passes it in memory.
+#pragma GCC diagnostic ignored "-Wpsabi"
+#define KETRA_INLINE inline __attribute__((always_inline))
 typedef double v4 __attribute__((vector_size(32)));
 typedef std::int64_t m4 __attribute__((vector_size(32)));
 // The same, for loads and stores at any double-aligned address.
 typedef double v4u __attribute__((vector_size(32), aligned(8), may_alias));
 
-inline v4 load4(const double* p) { return *reinterpret_cast<const v4u*>(p); }
-inline void store4(double* p, v4 v) { *reinterpret_cast<v4u*>(p) = v; }
-inline v4 splat(double x) { return v4{x, x, x, x}; }
+KETRA_INLINE v4 load4(const double* p) { return *reinterpret_cast<const v4u*>(p); }
+KETRA_INLINE void store4(double* p, v4 v) { *reinterpret_cast<v4u*>(p) = v; }
+KETRA_INLINE v4 splat(double x) { return v4{x, x, x, x}; }
 
 // Emission of the pairs of one row: e0 for columns with allele 0, e1 for
 // allele 1, where e0 = E[h_i][g], e1 = E[h_i + 1][g]. Selected by bit masks,
@@ -72,8 +76,15 @@ struct RowEmission {
         std::memcpy(&out, &r, sizeof out);
         return out;
     }
-    v4 at4(v4 hj) const {
-        return hj != splat(0.0) ? splat(e1) : splat(e0);
+    KETRA_INLINE v4 at4(v4 hj) const {
+#ifdef __AVX__
+        return hj != splat(0.0) ? splat(e1) : splat(e0);  // one compare and one blend
+#else
+        // Without AVX a lane compare would be split into branches; integer
+        // lanes instead: 1.0 has bit 61 set, 0.0 has no bit set.
+        m4 const mask = (m4{0, 0, 0, 0}) - (((m4)hj >> 61) & 1);
+        return (v4)(((m4)splat(e0) & ~mask) | ((m4)splat(e1) & mask));
+#endif
     }
 };
 
@@ -84,7 +95,7 @@ struct RowEmission {
 // columns come in blocks of eight (two halves of four), one block of four
 // where it fits, then single columns. Returns the total.
 template <class MakeRow>
-double sweep(int K, double* R, MakeRow const& make_row) {
+KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
     double total = 0.0;
     for (int i = 0; i < K; ++i) {
         auto const row = make_row(i);
@@ -128,7 +139,7 @@ void divide(std::size_t n, double* __restrict x, double by) {
 
 struct SumRow {  // the values themselves
     const double* T;
-    v4 block(int j) const { return load4(T + j); }
+    KETRA_INLINE v4 block(int j) const { return load4(T + j); }
     double one(int j) const { return T[j]; }
 };
 
@@ -137,7 +148,7 @@ struct WeightedRow {  // E * B, stored to G unless G is null
     double* G;
     const double* h;
     RowEmission e;
-    v4 block(int j) const {
+    KETRA_INLINE v4 block(int j) const {
         v4 const g = load4(B + j) * e.at4(load4(h + j));
         if (G) store4(G + j, g);
         return g;
@@ -157,7 +168,7 @@ struct ForwardRow {  // F = transition of Fp, times the emission
     RowEmission e;
     Coefficients c;
     double ri;
-    v4 block(int j) const {
+    KETRA_INLINE v4 block(int j) const {
         v4 const v = (((splat(ri) + load4(Rp + j)) * splat(c.ab) + splat(c.bbt)) + splat(c.aa) * load4(Fp + j)) *
                      e.at4(load4(h + j));
         store4(F + j, v);
@@ -179,7 +190,7 @@ struct BackwardRow {  // B = transition of E_{s+1} * Bn; yields E_s * B
     RowEmission en, e;
     Coefficients c;
     double ri;
-    v4 block(int j) const {
+    KETRA_INLINE v4 block(int j) const {
         v4 const v = ((splat(ri) + load4(Rg + j)) * splat(c.ab) + splat(c.bbt)) +
                      splat(c.aa) * (load4(Bn + j) * en.at4(load4(hn + j)));
         store4(B + j, v);
@@ -200,7 +211,7 @@ struct GammaRow {  // G = transition of Gn, times the emission
     RowEmission e;
     Coefficients c;
     double ri;
-    v4 block(int j) const {
+    KETRA_INLINE v4 block(int j) const {
         v4 const v = (((splat(ri) + load4(Rg + j)) * splat(c.ab) + splat(c.bbt)) + splat(c.aa) * load4(Gn + j)) *
                      e.at4(load4(h + j));
         store4(G + j, v);
