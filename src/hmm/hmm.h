@@ -8,6 +8,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include "data/data.h"
+#include "hmm/kernel.h"
 #include "trees/tree.h"
 
 class HMM : public data {
@@ -48,3 +49,15 @@ public:
     void output_details(std::string const& file_name, std::vector<std::vector<double>> const& values);
     void output_pardo(std::map<double, matrix_data>& positions);
 };
+
+// The panel in the engine's compact form: alleles as 0/1 doubles, switch
+// rates, positions, rates per base, the emission matrix by genotype column and
+// every individual's genotype codes. Built once per run.
+hmm_kernel::Panel make_panel(data const& store);
+
+// Flanking SNPs, distances and rate of each tree position (ascending or not;
+// each must lie within the SNP range).
+std::vector<hmm_kernel::Flank> find_position_flanks(data const& store, std::vector<double> const& positions);
+
+// Branch-sum layout of a parsed tree over K leaves (uses the nodes' children).
+hmm_kernel::BranchLayout make_branch_layout(tree_nodes const& tree, int K);

@@ -17,7 +17,6 @@
 
 #include "app/progress.h"
 #include "hmm/hmm.h"
-#include "hmm/kernel.h"
 #include "hmm/writers.h"
 
 namespace {
@@ -101,26 +100,45 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     }
 
     // The engine's view of the panel and of the positions, shared by all threads.
-    engine_panel const panel = make_engine_panel(*this);
+    hmm_kernel::Panel const panel = make_panel(*this);
     std::vector<double> position_list;
-    for (auto const& entry : positions) position_list.push_back(entry.first);
-    std::vector<position_flanks> const flanks = make_position_flanks(*this, position_list);
     std::vector<matrix_data*> position_data;
-    for (auto& entry : positions) position_data.push_back(&entry.second);
+    for (auto& entry : positions) {
+        position_list.push_back(entry.first);
+        position_data.push_back(&entry.second);
+    }
+    hmm_kernel::Schedule const schedule(panel.L, find_position_flanks(*this, position_list));
     std::size_t const P = position_data.size();
 
-    // Per position: the branch layout for the fast per-branch sums, and the
-    // first branch (if any) that has no rows, which stops the run.
-    std::vector<branch_layout> layouts(tavlo ? P : 0);
+    // Per position: the branch layout for the per-branch sums, the rows each
+    // marked branch writes to, and whether a marked branch has no rows (which
+    // stops the run).
+    struct branch_target {
+        int node;
+        std::vector<std::vector<double>>* rows;
+    };
+    std::vector<hmm_kernel::BranchLayout> layouts(tavlo ? P : 0);
+    std::vector<std::vector<branch_target>> targets(tavlo ? P : 0);
     std::vector<bool> missing_branch(P, false);
+    std::size_t max_nodes = 0;
     if (tavlo) {
         for (std::size_t p = 0; p < P; ++p) {
-            layouts[p] = make_branch_layout(position_data[p]->nodes, K);
-            for (auto const& n : position_data[p]->nodes)
-                if (n.second.branch_length != 0 && position_data[p]->branch_genotypes.count(n.first) == 0)
+            matrix_data& position = *position_data[p];
+            layouts[p] = make_branch_layout(position.nodes, K);
+            max_nodes = std::max(max_nodes, static_cast<std::size_t>(layouts[p].n_nodes()));
+            for (auto const& n : position.nodes) {
+                if (n.second.branch_length == 0) continue;
+                auto found = position.branch_genotypes.find(n.first);
+                if (found == position.branch_genotypes.end()) {
                     missing_branch[p] = true;
+                    break;
+                }
+                targets[p].push_back({n.first, &found->second});
+            }
         }
     }
+    std::vector<std::vector<std::vector<double>>*> detail_rows(detail ? P : 0);
+    for (std::size_t p = 0; p < detail_rows.size(); ++p) detail_rows[p] = &details[position_list[p]];
 
     std::cout << "Performing forward and backward calculations (this may take a while, please be patient)."
               << std::endl;
@@ -150,43 +168,40 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     };
 
     auto worker = [&]() {
-        pair_workspace workspace(panel, flanks);
+        hmm_kernel::Workspace workspace;
         individual_result result;
         result.haplotype_probs.assign(P * K, 0.0);
         if (full_matrix) result.full_matrix.assign(P, std::string());
-        std::vector<int> genotypes(panel.n_snps);
-        std::vector<double> m(K);
-        double branch[2];
-        for (int n; (n = next_individual.fetch_add(1)) < N;) {
-            int s = 0;
-            for (auto const& entry : snps) genotypes[s++] = entry.second.genotypes[n];
+        std::vector<double> both(max_nodes), one(max_nodes), work(2 * max_nodes);
+        int n = 0;
+        auto sink = [&](int p, double const* pair_posterior) {
+            double* probs = &result.haplotype_probs[p * K];
+            hmm_kernel::haplotype_probabilities(K, pair_posterior, probs);
+            if (full_matrix) {
+                result.full_matrix[p].clear();
+                append_full_matrix_block(result.full_matrix[p], pair_posterior, K);
+            }
+            if (tavlo) {
+                if (missing_branch[p]) {
+                    if (result.failed_position < 0 || p < result.failed_position) result.failed_position = p;
+                    return;
+                }
+                hmm_kernel::branch_probabilities(layouts[p], pair_posterior, probs, both.data(), one.data(),
+                                                 work.data());
+                for (branch_target const& target : targets[p]) {
+                    std::vector<double>& row = (*target.rows)[n];
+                    row[0] = both[target.node];
+                    row[1] = one[target.node];
+                }
+            }
+            if (detail) {
+                std::vector<std::vector<double>>& d = *detail_rows[p];
+                for (int k = 0; k < K; ++k) d[k][n] += probs[k];
+            }
+        };
+        while ((n = next_individual.fetch_add(1)) < N) {
             result.failed_position = -1;
-            individual_posteriors(panel, flanks, genotypes.data(), workspace, [&](int p, double const* pair_posterior) {
-                double* probs = &result.haplotype_probs[p * K];
-                haplotype_probabilities(K, pair_posterior, probs);
-                if (full_matrix) {
-                    result.full_matrix[p].clear();
-                    append_full_matrix_block(result.full_matrix[p], pair_posterior, K);
-                }
-                if (tavlo) {
-                    if (missing_branch[p]) {
-                        if (result.failed_position < 0 || p < result.failed_position) result.failed_position = p;
-                        return;
-                    }
-                    branch_layout const& layout = layouts[p];
-                    branch_sums(layout, pair_posterior, probs, workspace);
-                    for (std::size_t b = 0; b < layout.branch_ids.size(); ++b) {
-                        branch_row(layout, workspace, b, branch);
-                        std::vector<double>& row = position_data[p]->branch_genotypes[layout.branch_ids[b]][n];
-                        row[0] = branch[0];
-                        row[1] = branch[1];
-                    }
-                }
-                if (detail) {
-                    std::vector<std::vector<double>>& d = details[position_list[p]];
-                    for (int k = 0; k < K; ++k) d[k][n] += probs[k];
-                }
-            });
+            workspace.run(panel, schedule, panel.genotypes_of(n), sink);
             std::unique_lock<std::mutex> lock(commit_mutex);
             committed.wait(lock, [&] { return next_to_commit == n; });
             commit(n, result);

@@ -1,0 +1,157 @@
+// The HMM's forward and backward passes with full storage in the SNP records,
+// the pair posterior at a position, and the adapters that turn the data store
+// and parsed trees into the kernel's plain arrays.
+#include <algorithm>
+#include <iterator>
+#include <stdexcept>
+
+#include "hmm/hmm.h"
+#include "hmm/kernel.h"
+
+namespace {
+
+using hmm_kernel::tri_size;
+
+void alleles_as_doubles(snp const& s, std::vector<double>& h) {
+    for (std::size_t k = 0; k < h.size(); ++k) h[k] = s.haplotype_alleles[k] == 0 ? 0.0 : 1.0;
+}
+
+void emission_column(std::vector<std::vector<double>> const& E, int g, double* ecol) {
+    for (int a = 0; a < 3; ++a) ecol[a] = E[a][g];
+}
+
+void size_pair_array(std::vector<double>& v, std::size_t n) {
+    if (v.size() != n) v.assign(n, 0.0);
+}
+
+}  // namespace
+
+void HMM::forward(int const& individual) {
+    int const K = n_haplotypes;
+    if (K <= 0 || snps.empty()) return;
+    std::size_t const n = tri_size(K);
+    std::vector<double> h(K), R[2] = {std::vector<double>(K), std::vector<double>(K)};
+    double ecol[3];
+    int r = 0;
+    double total = 0.0;
+    snp* previous = nullptr;
+    for (auto& entry : snps) {
+        snp& s = entry.second;
+        size_pair_array(s.forward_probs, n);
+        alleles_as_doubles(s, h);
+        emission_column(mutation_matrix, s.genotypes[individual], ecol);
+        if (previous == nullptr) {
+            total = hmm_kernel::forward_first(K, h.data(), ecol, s.forward_probs.data(), R[r].data());
+        } else {
+            total = hmm_kernel::forward_step(K, s.switch_rates[0], s.switch_rates[1], previous->forward_probs.data(),
+                                             R[r].data(), total, h.data(), ecol, s.forward_probs.data(),
+                                             R[1 - r].data());
+            r = 1 - r;
+        }
+        previous = &s;
+    }
+}
+
+void HMM::backward(int const& individual) {
+    int const K = n_haplotypes;
+    if (K <= 0 || snps.empty()) return;
+    std::size_t const n = tri_size(K);
+    std::vector<double> h(K), hn(K), R[2] = {std::vector<double>(K), std::vector<double>(K)};
+    double ecol[3], ecoln[3];
+    int r = 0;
+    double total = 0.0;
+    snp const* later = nullptr;  // the SNP after the current one
+    for (auto it = snps.rbegin(); it != snps.rend(); ++it) {
+        snp& s = it->second;
+        size_pair_array(s.backward_probs, n);
+        alleles_as_doubles(s, h);
+        emission_column(mutation_matrix, s.genotypes[individual], ecol);
+        bool const has_earlier = std::next(it) != snps.rend();
+        if (later == nullptr) {
+            total = hmm_kernel::backward_last(K, h.data(), ecol, s.backward_probs.data(), R[r].data(), has_earlier);
+        } else {
+            total = hmm_kernel::backward_step(K, later->switch_rates[0], later->switch_rates[1],
+                                              later->backward_probs.data(), hn.data(), ecoln, R[r].data(), total,
+                                              h.data(), ecol, s.backward_probs.data(), R[1 - r].data(), has_earlier);
+            r = 1 - r;
+        }
+        later = &s;
+        std::swap(h, hn);
+        std::copy(ecol, ecol + 3, ecoln);
+    }
+}
+
+void HMM::find_matrix_private(std::vector<double>& out, double const& rate, double const& left_distance,
+                              double const& right_distance, std::vector<double> const& backward_right,
+                              std::vector<double> const& forward_left) {
+    int const K = n_haplotypes;
+    out.resize(tri_size(K));
+    std::vector<double> scratch(2 * static_cast<std::size_t>(K));
+    hmm_kernel::posterior(K, rate, left_distance, right_distance, forward_left.data(), backward_right.data(),
+                          out.data(), scratch.data());
+}
+
+hmm_kernel::Panel make_panel(data const& store) {
+    hmm_kernel::Panel panel;
+    int const K = store.n_haplotypes > 0 ? store.n_haplotypes : 0;
+    int const L = static_cast<int>(store.snps.size());
+    int const N = store.n_individuals > 0 ? store.n_individuals : 0;
+    panel.K = K;
+    panel.L = L;
+    panel.N = N;
+    if (store.mutation_matrix.size() < 3)
+        throw std::invalid_argument("emission matrix not set");
+    for (int a = 0; a < 3; ++a) {
+        if (store.mutation_matrix[a].size() < 4) throw std::invalid_argument("emission matrix not set");
+        for (int g = 0; g < 4; ++g) panel.emission[g][a] = store.mutation_matrix[a][g];
+    }
+    panel.alleles.resize(static_cast<std::size_t>(L) * K);
+    panel.stay.assign(L, 0.0);
+    panel.jump.assign(L, 0.0);
+    panel.position.reserve(L);
+    panel.rate_per_base.reserve(L);
+    panel.genotypes.resize(static_cast<std::size_t>(N) * L);
+    std::vector<double> h(K);
+    int s = 0;
+    for (auto const& entry : store.snps) {
+        snp const& x = entry.second;
+        if (static_cast<int>(x.haplotype_alleles.size()) < K || static_cast<int>(x.genotypes.size()) < N)
+            throw std::invalid_argument("SNP record shorter than the panel");
+        alleles_as_doubles(x, h);
+        std::copy(h.begin(), h.end(), panel.alleles.begin() + static_cast<std::ptrdiff_t>(s) * K);
+        if (x.switch_rates.size() >= 2) {
+            panel.stay[s] = x.switch_rates[0];
+            panel.jump[s] = x.switch_rates[1];
+        }
+        panel.position.push_back(entry.first);
+        panel.rate_per_base.push_back(x.rate_per_base);
+        for (int n = 0; n < N; ++n)
+            panel.genotypes[static_cast<std::size_t>(n) * L + s] = static_cast<std::uint8_t>(x.genotypes[n]);
+        ++s;
+    }
+    return panel;
+}
+
+std::vector<hmm_kernel::Flank> find_position_flanks(data const& store, std::vector<double> const& positions) {
+    std::vector<double> where, rate;
+    where.reserve(store.snps.size());
+    rate.reserve(store.snps.size());
+    for (auto const& entry : store.snps) {
+        where.push_back(entry.first);
+        rate.push_back(entry.second.rate_per_base);
+    }
+    return hmm_kernel::find_flanks(where, rate, positions);
+}
+
+hmm_kernel::BranchLayout make_branch_layout(tree_nodes const& tree, int K) {
+    std::vector<int> a, b;
+    a.reserve(tree.size());
+    b.reserve(tree.size());
+    int expected = 0;
+    for (auto const& entry : tree) {
+        if (entry.first != expected++) throw std::invalid_argument("tree layout: node ids are not 0, 1, 2, ...");
+        a.push_back(entry.second.child_a);
+        b.push_back(entry.second.child_b);
+    }
+    return hmm_kernel::BranchLayout(K, std::move(a), std::move(b));
+}

@@ -1,0 +1,7 @@
+#include "hmm/hmm.h"
+
+HMM::matrix_data::~matrix_data() = default;
+
+void HMM::read_tree(std::string const& text, std::map<int, node>& tree, int const& leaves) {
+    parse_tree(text, tree, leaves);
+}
