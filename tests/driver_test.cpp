@@ -68,7 +68,7 @@ void copy_example(ketra_test::TempDir const& dir) {
     namespace fs = boost::filesystem;
     fs::path const example = fs::path(ketra_test::source_dir()) / "examples" / "chr20-small";
     for (auto const& entry : fs::directory_iterator(example))
-        fs::copy_file(entry.path(), dir.path() / entry.path().filename());
+        if (fs::is_regular_file(entry.path())) fs::copy_file(entry.path(), dir.path() / entry.path().filename());
 }
 
 std::vector<std::string> example_args() {
