@@ -24,7 +24,6 @@
 #include "bench_inputs.h"
 #include "data/data.h"
 #include "hmm/hmm.h"
-#include "hmm/kernel.h"
 
 namespace {
 
@@ -43,6 +42,7 @@ std::vector<std::string> split(std::string const& text) {
 bool run_program(std::string const& ketra, std::vector<std::string> const& args, std::string const& log,
                  double& wall, double& peak_mib) {
     auto const start = std::chrono::steady_clock::now();
+    std::fflush(stdout);
     pid_t const pid = fork();
     if (pid == 0) {
         std::FILE* out = std::freopen(log.c_str(), "w", stdout);
@@ -65,29 +65,22 @@ bool run_program(std::string const& ketra, std::vector<std::string> const& args,
 // Forward and backward passes plus posteriors for every individual, on the
 // given number of threads; returns wall seconds.
 double time_engine(HMM const& hmm, int threads) {
-    engine_panel const panel = make_engine_panel(hmm);
+    hmm_kernel::Panel const panel = make_panel(hmm);
     std::vector<double> positions;
     // Evenly spread positions, as the generated tree map has them.
     double const first = hmm.snps.begin()->first, last = hmm.snps.rbegin()->first;
     for (int t = 0; t < 200; ++t) positions.push_back(first + (last - first) * (t + 0.5) / 200);
-    std::vector<position_flanks> const flanks = make_position_flanks(hmm, positions);
-    int const N = hmm.n_individuals, K = hmm.n_haplotypes;
+    hmm_kernel::Schedule const schedule(panel.L, find_position_flanks(hmm, positions));
+    int const N = panel.N, K = panel.K;
     std::atomic<int> next{0};
-    std::atomic<long> checksum_bits{0};
+    std::atomic<long> checksum{0};
     auto worker = [&] {
-        pair_workspace workspace(panel, flanks);
-        std::vector<int> genotypes(panel.n_snps);
+        hmm_kernel::Workspace workspace;
         std::vector<double> m(K);
         double sum = 0;
-        for (int n; (n = next.fetch_add(1)) < N;) {
-            int s = 0;
-            for (auto const& entry : hmm.snps) genotypes[s++] = entry.second.genotypes[n];
-            individual_posteriors(panel, flanks, genotypes.data(), workspace, [&](int, double const* P) {
-                haplotype_probabilities(K, P, m.data());
-                sum += m[0];
-            });
-        }
-        checksum_bits += static_cast<long>(sum);
+        auto sink = [&](int, double const* P) { sum += hmm_kernel::haplotype_probabilities(K, P, m.data()); };
+        for (int n; (n = next.fetch_add(1)) < N;) workspace.run(panel, schedule, panel.genotypes_of(n), sink);
+        checksum += static_cast<long>(sum);
     };
     auto const start = std::chrono::steady_clock::now();
     std::vector<std::thread> pool;

@@ -1,6 +1,7 @@
 // The run object: the loaded data store plus the haplotype-copying engine.
 #pragma once
 
+#include <array>
 #include <map>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 class HMM : public data {
 public:
     using node = tree_node;
+    using branch_row = std::array<double, 2>;
 
     // Results of one tree position.
     struct matrix_data {
@@ -21,8 +23,10 @@ public:
         std::vector<double> haplotype_sums;   // per haplotype, summed over individuals
         std::string tree;                     // tree text from the tree map
         std::map<int, node> nodes;            // parsed tree ("-tavlo_input" only)
-        // node id -> per individual [P(both copies below), P(exactly one below)]
-        std::map<int, std::vector<std::vector<double>>> branch_genotypes;
+        // node id -> per individual [P(both copies below), P(exactly one below)].
+        // Rows are fixed pairs: a run holds positions x branches x individuals
+        // of them, and a separate allocation per row would triple that memory.
+        std::map<int, std::vector<branch_row>> branch_genotypes;
         ~matrix_data();
     };
 

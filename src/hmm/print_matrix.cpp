@@ -90,12 +90,18 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     }
 
     if (tavlo) {
-        std::vector<std::vector<double>> const row_template(N, std::vector<double>(2, 0.0));
+        std::vector<branch_row> const row_template(N, branch_row{0.0, 0.0});
         for (auto& entry : positions) {
             matrix_data& position = entry.second;
             read_tree(position.tree, position.nodes, K);
-            for (auto const& n : position.nodes)
+            for (auto& n : position.nodes) {
                 if (n.second.branch_length > 0) position.branch_genotypes[n.first] = row_template;
+                // The per-branch sums work from the nodes' children; the leaf
+                // sets (K entries per node, 2K nodes per tree) would otherwise
+                // be the run's largest store.
+                n.second.leaves_below.clear();
+                n.second.leaves_outside.clear();
+            }
         }
     }
 
@@ -115,7 +121,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     // stops the run).
     struct branch_target {
         int node;
-        std::vector<std::vector<double>>* rows;
+        std::vector<branch_row>* rows;
     };
     std::vector<hmm_kernel::BranchLayout> layouts(tavlo ? P : 0);
     std::vector<std::vector<branch_target>> targets(tavlo ? P : 0);
@@ -189,7 +195,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
                 hmm_kernel::branch_probabilities(layouts[p], pair_posterior, probs, both.data(), one.data(),
                                                  work.data());
                 for (branch_target const& target : targets[p]) {
-                    std::vector<double>& row = (*target.rows)[n];
+                    branch_row& row = (*target.rows)[n];
                     row[0] = both[target.node];
                     row[1] = one[target.node];
                 }

@@ -73,7 +73,7 @@ void HMM::output_pardo(std::map<double, matrix_data>& positions) {
             line += ' ';
             append_number(line, entry.first, 6);
             line += " A T ";
-            for (std::vector<double> const& row : branch.second) {
+            for (branch_row const& row : branch.second) {
                 append_number(line, row[0], 6);
                 line += ' ';
                 append_number(line, row[1], 6);
