@@ -25,6 +25,7 @@ namespace {
 struct individual_result {
     std::vector<double> haplotype_probs;      // positions x K
     std::vector<std::string> full_matrix;     // per position, with "-print_matrix"
+    std::vector<std::vector<double>> branches;  // per position: both, one for each marked branch
     int failed_position = -1;                 // position of a branch without results
 };
 
@@ -157,7 +158,8 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     std::atomic<int> next_individual{0};
 
     // Adds individual n's results in individual order, so that sums and files
-    // are the same whatever the number of threads.
+    // are the same whatever the number of threads. Workers write only their
+    // own buffers; every shared result is written here, under the lock.
     auto commit = [&](int n, individual_result const& result) {
         for (std::size_t p = 0; p < P; ++p) {
             if (full_matrix) full_matrix_out.append(position_data[p]->name + ".full_matrix", result.full_matrix[p]);
@@ -169,6 +171,18 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
             std::vector<double>& sums = position_data[p]->haplotype_sums;
             double const* m = &result.haplotype_probs[p * K];
             for (int k = 0; k < K; ++k) sums[k] += m[k];
+            if (tavlo) {
+                double const* values = result.branches[p].data();
+                for (branch_target const& target : targets[p]) {
+                    branch_row& row = (*target.rows)[n];
+                    row[0] = *values++;
+                    row[1] = *values++;
+                }
+            }
+            if (detail) {
+                std::vector<std::vector<double>>& d = *detail_rows[p];
+                for (int k = 0; k < K; ++k) d[k][n] += m[k];
+            }
         }
         draw_progress(n + 1, N);
     };
@@ -178,8 +192,11 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
         individual_result result;
         result.haplotype_probs.assign(P * K, 0.0);
         if (full_matrix) result.full_matrix.assign(P, std::string());
+        if (tavlo) {
+            result.branches.resize(P);
+            for (std::size_t p = 0; p < P; ++p) result.branches[p].assign(2 * targets[p].size(), 0.0);
+        }
         std::vector<double> both(max_nodes), one(max_nodes), work(2 * max_nodes);
-        int n = 0;
         auto sink = [&](int p, double const* pair_posterior) {
             double* probs = &result.haplotype_probs[p * K];
             hmm_kernel::haplotype_probabilities(K, pair_posterior, probs);
@@ -194,18 +211,14 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
                 }
                 hmm_kernel::branch_probabilities(layouts[p], pair_posterior, probs, both.data(), one.data(),
                                                  work.data());
+                double* values = result.branches[p].data();
                 for (branch_target const& target : targets[p]) {
-                    branch_row& row = (*target.rows)[n];
-                    row[0] = both[target.node];
-                    row[1] = one[target.node];
+                    *values++ = both[target.node];
+                    *values++ = one[target.node];
                 }
             }
-            if (detail) {
-                std::vector<std::vector<double>>& d = *detail_rows[p];
-                for (int k = 0; k < K; ++k) d[k][n] += probs[k];
-            }
         };
-        while ((n = next_individual.fetch_add(1)) < N) {
+        for (int n; (n = next_individual.fetch_add(1)) < N;) {
             result.failed_position = -1;
             workspace.run(panel, schedule, panel.genotypes_of(n), sink);
             std::unique_lock<std::mutex> lock(commit_mutex);
