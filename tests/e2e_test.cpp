@@ -117,7 +117,8 @@ std::string read_strict_gzip(std::string const& path) {
 }
 
 // Every file under `folder` (recursively), keyed by its path relative to it;
-// .gz files decompressed and keyed as <name>.unzipped.
+// .gz files decompressed and keyed as <name>.unzipped. Only the .aux file
+// echoes the command line.
 std::map<std::string, std::string> collect_files(fs::path const& folder) {
     std::map<std::string, std::string> files;
     for (auto it = fs::recursive_directory_iterator(folder); it != fs::recursive_directory_iterator(); ++it) {
@@ -125,8 +126,10 @@ std::map<std::string, std::string> collect_files(fs::path const& folder) {
         std::string const name = it->path().lexically_relative(folder).generic_string();
         if (it->path().extension() == ".gz")
             files[name + ".unzipped"] = read_strict_gzip(it->path().string());
-        else
+        else if (it->path().extension() == ".aux")
             files[name] = normalise(read_file(it->path().string()));
+        else
+            files[name] = read_file(it->path().string());
     }
     return files;
 }
