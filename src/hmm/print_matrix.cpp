@@ -45,6 +45,9 @@ public:
         once.write(text.data(), static_cast<std::streamsize>(text.size()));
     }
 
+    // Flushes and closes every file (before the process ends without unwinding).
+    void close_all() { open_.clear(); }
+
 private:
     static constexpr std::size_t max_open = 200;
     std::map<std::string, std::unique_ptr<std::ofstream>> open_;
@@ -164,6 +167,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
         for (std::size_t p = 0; p < P; ++p) {
             if (full_matrix) full_matrix_out.append(position_data[p]->name + ".full_matrix", result.full_matrix[p]);
             if (static_cast<int>(p) == result.failed_position) {
+                full_matrix_out.close_all();
                 std::cout << "pardo data does not contain this SNP." << std::endl;
                 std::fflush(stdout);
                 std::_Exit(1);
