@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,18 @@ std::string error_of(F&& f) {
 }
 
 inline bool contains(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
+
+// The fields of a record that the readers and the set-up step fill, on one
+// line: ids, legend alleles, haplotype alleles, genotype alleles, strand,
+// data type, genotype calls.
+inline std::string describe(snp const& s) {
+    std::ostringstream os;
+    os << s.rs_id << ' ' << s.snp_id << ' ' << s.legend_allele_0 << '/' << s.legend_allele_1 << ' ';
+    for (int a : s.haplotype_alleles) os << a;
+    os << ' ' << s.genotype_allele_a << '/' << s.genotype_allele_b << ' ' << s.strand << ' ' << s.data_type << ' ';
+    for (int g : s.genotypes) os << g;
+    return os.str();
+}
 
 // A record as the panel reader leaves it, for tests that start later in the pipeline.
 inline snp panel_snp(std::string const& rs, std::string const& a0, std::string const& a1, double hap_frequency = 0.5) {
