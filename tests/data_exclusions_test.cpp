@@ -3,9 +3,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -16,7 +14,8 @@ using namespace ketra_test;
 
 namespace {
 
-// A record with genotypes for n individuals, individual i called i % 4.
+// A record with genotypes for n individuals: individual i called i % 4, with
+// its own index in probability column 0.
 snp with_individuals(int n, std::string const& rs = "rs") {
     snp s = panel_snp(rs, "A", "G");
     for (int i = 0; i < n; ++i) {
@@ -29,37 +28,29 @@ snp with_individuals(int n, std::string const& rs = "rs") {
 
 struct Samples : ::testing::Test {
     TempDir dir;
-    std::string console;
-    data store(std::string const& sample_rows, std::string const& excluded, int n = 5) {
+    std::string const rows = "f0 i0 0\nf1 i1 0\nf2 i2 0\nf3 i3 0\nf4 i4 0\n";
+    data store(std::string const& sample_rows, std::string const& excluded) {
         write_file(dir.file("study.sample"), "ID_1 ID_2 missing\n0 0 0\n" + sample_rows);
         write_file(dir.file("excl.txt"), excluded);
-        data d = empty_store(parse_parameters(
-            dir, {"-sample", dir.file("study.sample"), "-exclude_samples", dir.file("excl.txt")}));
-        d.n_individuals = n;
-        d.snps[100] = with_individuals(n);
-        d.snps[200] = with_individuals(n);
+        data d = store_for(dir, {"-sample", dir.file("study.sample"), "-exclude_samples", dir.file("excl.txt")});
+        d.n_individuals = 5;
+        d.snps[100] = d.snps[200] = with_individuals(5);
         return d;
     }
-    std::string const rows = "f0 i0 0\nf1 i1 0\nf2 i2 0\nf3 i3 0\nf4 i4 0\n";
 };
-
-// Probability column 0 holds the original individual index.
-std::vector<double> remaining(snp const& s) {
-    std::vector<double> out;
-    for (auto const& t : s.genotype_probs) out.push_back(t[0]);
-    return out;
-}
 
 }  // namespace
 
 TEST_F(Samples, RemovesNamedIndividualsOnce) {
     // i3 is the second id of line 3; f1 and i1 name the same individual; "zz" is unknown.
     data d = store(rows, "i3 f1\nzz i1\n");
-    console = quietly([&] { d.apply_sample_exclusions(); });
+    std::string const console = quietly([&] { d.apply_sample_exclusions(); });
     EXPECT_EQ(d.n_individuals, 3);
     EXPECT_EQ(d.excluded_sample_ids, (std::vector<std::string>{"i3", "f1", "zz", "i1"}));
     for (double pos : {100.0, 200.0}) {
-        EXPECT_EQ(remaining(d.snps[pos]), (std::vector<double>{0, 2, 4}));
+        std::vector<double> left;
+        for (auto const& t : d.snps[pos].genotype_probs) left.push_back(t[0]);
+        EXPECT_EQ(left, (std::vector<double>{0, 2, 4}));
         EXPECT_EQ(d.snps[pos].genotypes, (std::vector<int>{0, 2, 0}));
     }
     EXPECT_EQ(d.sample_index.at("f4"), 4);  // indices are not renumbered
@@ -76,9 +67,9 @@ TEST_F(Samples, RemovesNamedIndividualsOnce) {
 
 TEST_F(Samples, EmptyExclusionFileAndExcludingEveryone) {
     data d = store(rows, "");
-    console = quietly([&] { d.apply_sample_exclusions(); });
+    EXPECT_TRUE(contains(quietly([&] { d.apply_sample_exclusions(); }),
+                         "number of excluded sample ids in sample file: 0\n"));
     EXPECT_EQ(d.n_individuals, 5);
-    EXPECT_NE(console.find("number of excluded sample ids in sample file: 0\n"), std::string::npos);
 
     data all = store(rows, "f0 f1 f2 f3 f4");
     quietly([&] { all.apply_sample_exclusions(); });
@@ -91,15 +82,13 @@ TEST_F(Samples, Errors) {
     data d = store(rows + "f5 i5 0\n", "f0");
     EXPECT_EQ(error_of([&] { d.apply_sample_exclusions(); }),
               "Error reading file " + dir.file("study.sample") + ": sample file contains wrong number of individuals.");
-    data d2 = store(rows, "f0");
-    d2.parameters.exclude_samples_file = dir.file("none.txt");
     // The exclusion file's open error reuses the sample file's text.
-    EXPECT_EQ(error_of([&] { d2.apply_sample_exclusions(); }),
-              "Error reading file " + dir.file("none.txt") + ": can't open sample file.");
-    data d3 = store(rows, "f0");
-    d3.parameters.sample_file = dir.file("none.sample");
-    EXPECT_EQ(error_of([&] { d3.apply_sample_exclusions(); }),
-              "Error reading file " + dir.file("none.sample") + ": can't open sample file.");
+    for (bool exclusion_file : {true, false}) {
+        data e = store(rows, "f0");
+        (exclusion_file ? e.parameters.exclude_samples_file : e.parameters.sample_file) = dir.file("none");
+        EXPECT_EQ(error_of([&] { e.apply_sample_exclusions(); }),
+                  "Error reading file " + dir.file("none") + ": can't open sample file.");
+    }
 }
 
 namespace {
@@ -110,23 +99,15 @@ struct SnpLists : ::testing::Test {
     data read(std::vector<std::string> files) {
         std::vector<std::string> args = {"-exclude_snps"};
         for (auto const& f : files) args.push_back(dir.file(f));
-        data d = empty_store(parse_parameters(dir, args));
+        data d = store_for(dir, args);
         console = quietly([&] { d.read_exclusion_list(); });
         return d;
     }
+    std::string block(std::string const& name, int n) {
+        return "Reading snps exclusion list " + dir.file(name) + "\n -" + dir.file(name) + "[" + std::to_string(n) +
+               " SNP ids read in]\n";
+    }
 };
-
-// A path where a file exists but cannot be opened for reading, even by root.
-void make_socket(std::string const& path) {
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    ASSERT_LT(path.size(), sizeof(addr.sun_path));
-    std::strcpy(addr.sun_path, path.c_str());
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    close(fd);
-}
 
 }  // namespace
 
@@ -136,37 +117,38 @@ TEST_F(SnpLists, SeveralFilesMissingOnesSkipped) {
     write_file(dir.file("empty.txt"), "");
     data d = read({"missing.txt", "a.txt", "b.txt", "empty.txt"});
     EXPECT_EQ(d.excluded_snp_ids, (std::set<std::string>{"rs1", "rs2", "id7"}));
-    EXPECT_EQ(console, "\nReading snps exclusion list " + dir.file("a.txt") + "\n -" + dir.file("a.txt") +
-                           "[3 SNP ids read in]\n" + "Reading snps exclusion list " + dir.file("b.txt") + "\n -" +
-                           dir.file("b.txt") + "[3 SNP ids read in]\n" + "Reading snps exclusion list " +
-                           dir.file("empty.txt") + "\n -" + dir.file("empty.txt") + "[0 SNP ids read in]\n" +
+    EXPECT_EQ(console, "\n" + block("a.txt", 3) + block("b.txt", 3) + block("empty.txt", 0) +
                            "In total 3 unique SNP ID's read in\n");
 }
 
 TEST_F(SnpLists, UnopenableFileEndsTheReading) {
     write_file(dir.file("a.txt"), "rs1\n");
     write_file(dir.file("c.txt"), "rs3\n");
-    make_socket(dir.file("s"));
+    // A socket exists but cannot be opened for reading, even by root.
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(dir.file("s").size(), sizeof(addr.sun_path));
+    std::strcpy(addr.sun_path, dir.file("s").c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    close(fd);
     data d = read({"a.txt", "s", "c.txt"});
     EXPECT_EQ(d.excluded_snp_ids, (std::set<std::string>{"rs1"}));
-    EXPECT_EQ(console, "\nReading snps exclusion list " + dir.file("a.txt") + "\n -" + dir.file("a.txt") +
-                           "[1 SNP ids read in]\n" + "Reading snps exclusion list " + dir.file("s") +
+    EXPECT_EQ(console, "\n" + block("a.txt", 1) + "Reading snps exclusion list " + dir.file("s") +
                            "\nWarning: can't open exclusion list file: " + dir.file("s") + "\nNo SNPs excluded\n");
 }
 
 TEST_F(SnpLists, NoListGiven) {
-    data d = empty_store(parse_parameters(dir, {}));
-    console = quietly([&] { d.read_exclusion_list(); });
-    EXPECT_EQ(console, "WARNING!! No exclusion list given, so all SNPs will be used for inference.\n\n");
-    // "-exclude_snps" with no file: the flag was seen, nothing is read.
-    d = read({});
+    data d = store_for(dir);
+    EXPECT_EQ(quietly([&] { d.read_exclusion_list(); }),
+              "WARNING!! No exclusion list given, so all SNPs will be used for inference.\n\n");
+    read({});  // "-exclude_snps" with no file: the flag was seen, nothing is read
     EXPECT_EQ(console, "\nIn total 0 unique SNP ID's read in\n");
 }
 
 TEST(SnpRemoval, OneRecordPerIdentifier) {
     data d;
-    d.snps[10] = panel_snp("rsA", "A", "G");
-    d.snps[20] = panel_snp("rsA", "A", "G");
+    d.snps[10] = d.snps[20] = panel_snp("rsA", "A", "G");
     d.snps[30] = panel_snp("rsB", "A", "G");
     d.snps[30].snp_id = "idB";
     d.snps[40] = panel_snp("rsC", "A", "G");
@@ -177,19 +159,11 @@ TEST(SnpRemoval, OneRecordPerIdentifier) {
     EXPECT_EQ(d.snps.count(40), 1u);
 }
 
-namespace {
-
-std::string nan_text() {
-    std::ostringstream os;
-    os << std::fixed << 0.5 * 0.0 / std::atof("0");
-    return os.str();
-}
-
-}  // namespace
-
-TEST(SnpInfo, FixedPointLinesWithTrailingBlanks) {
+TEST(SnpInfo, FixedPointLinesNoIndividualsAndUnwritableFile) {
+    std::ostringstream nan;  // 0/0 prints as the stream prints a not-a-number value
+    nan << std::fixed << 0.5 * 0.0 / std::atof("0");
     TempDir dir;
-    data d = empty_store(parse_parameters(dir, {"-o", dir.file("out/run")}));
+    data d = store_for(dir, {"-o", dir.file("out/run")});
     snp s = with_individuals(6, "rs1");  // codes 0 1 2 3 0 1
     s.snp_id = "id1";
     s.hap_frequency = 0.25;
@@ -198,28 +172,18 @@ TEST(SnpInfo, FixedPointLinesWithTrailingBlanks) {
     missing.genotypes = {3, 3};
     missing.strand = "f";
     d.snps[2000000.5] = missing;
-    std::string const out = quietly([&] { d.output_snp_info(); });
     std::string const file = dir.file("out/run.snp_info.txt");
-    EXPECT_EQ(out, "Outputing snp information to file " + file + " ... done\n");
-    std::string const text = read_file(file);
-    std::string const first = "id1 rs1 1234567.000000 0.250000 * 2 2 1 1 0.400000 0 1 2 3 0 1 \n";
-    ASSERT_EQ(text.substr(0, first.size()), first);
-    std::string const second = text.substr(first.size());
-    std::string const head = "--- rs2 2000000.500000 0.333333 f 0 0 0 2 ";
-    ASSERT_EQ(second.substr(0, head.size()), head);
-    // 0/0 prints as the stream prints a not-a-number value.
-    EXPECT_EQ(second.substr(head.size()), nan_text() + " 3 3 \n");
-}
+    EXPECT_EQ(quietly([&] { d.output_snp_info(); }), "Outputing snp information to file " + file + " ... done\n");
+    EXPECT_EQ(read_file(file), "id1 rs1 1234567.000000 0.250000 * 2 2 1 1 0.400000 0 1 2 3 0 1 \n"
+                               "--- rs2 2000000.500000 0.333333 f 0 0 0 2 " + nan.str() + " 3 3 \n");
 
-TEST(SnpInfo, NoIndividualsAndUnwritableFile) {
-    TempDir dir;
-    data d = empty_store(parse_parameters(dir, {"-o", dir.file("run")}));
-    d.snps[5] = panel_snp("rs5", "A", "G");
-    d.snps[5].snp_id = "x";
-    quietly([&] { d.output_snp_info(); });
-    EXPECT_EQ(read_file(dir.file("run.snp_info.txt")), "x rs5 5.000000 0.500000 * 0 0 0 0 " + nan_text() + " \n");
+    data none = store_for(dir, {"-o", dir.file("run")});  // no individuals: the line ends after field 10
+    none.snps[5] = panel_snp("rs5", "A", "G");
+    none.snps[5].snp_id = "x";
+    quietly([&] { none.output_snp_info(); });
+    EXPECT_EQ(read_file(dir.file("run.snp_info.txt")), "x rs5 5.000000 0.500000 * 0 0 0 0 " + nan.str() + " \n");
 
-    d.parameters.output_file = dir.file("no/such/dir/run");
-    EXPECT_EQ(error_of([&] { d.output_snp_info(); }),
+    none.parameters.output_file = dir.file("no/such/dir/run");
+    EXPECT_EQ(error_of([&] { none.output_snp_info(); }),
               "Error reading file " + dir.file("no/such/dir/run") + "snp_info.txt: can't open file");
 }

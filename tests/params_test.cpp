@@ -23,7 +23,13 @@ std::string parse(LSMatrixParameters& p, std::vector<std::string> args) {
     return capture.text();
 }
 
-std::vector<std::string> required(std::string const& out) {
+// A directory that exists for the whole run: no "Creating directory" line.
+TempDir const& scratch() {
+    static TempDir dir;
+    return dir;
+}
+
+std::vector<std::string> required(std::string const& out = scratch().file("run")) {
     return {"-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-tree_file", "trees.txt",
             "-g", "study.gen", "-o", out};
 }
@@ -33,43 +39,13 @@ std::vector<std::string> with(std::vector<std::string> base, std::vector<std::st
     return base;
 }
 
-std::string missing_flag(std::vector<std::string> args) {
-    LSMatrixParameters p;
-    try {
-        parse(p, std::move(args));
-    } catch (MissingFlagException const& e) {
-        return e.message;
-    }
-    return "no exception";
-}
-
 }  // namespace
 
-TEST(Parameters, DefaultsMatchTheDocumentedValues) {
-    LSMatrixParameters p;
-    EXPECT_EQ(p.buffer, 500);
-    EXPECT_EQ(p.call_thresh, 0.9);
-    EXPECT_EQ(p.Ne, 11418);
-    EXPECT_EQ(p.theta, -1);
-    EXPECT_EQ(p.lower, -1);
-    EXPECT_EQ(p.upper, -1);
-    EXPECT_EQ(p.aux_filename, "aux1");
-    EXPECT_EQ(p.tree_filename.string(), "tree_map.txt");
-    EXPECT_EQ(p.strand_file, "NULL");
-    EXPECT_EQ(p.exclude_samples_file.string(), "NULL");
-    EXPECT_EQ(p.threads, 1);
-    EXPECT_EQ(p.required_flags, (std::vector<std::string>{"-h", "-l", "-m", "-tree_file", "-g", "-o"}));
-    ASSERT_EQ(p.flag_dependencies.size(), 1u);
-    EXPECT_EQ(p.flag_dependencies.at("-exclude_samples"), std::vector<std::string>{"-sample"});
-}
-
 TEST(Parameters, HelpIsToldApartFromHaplotypeFlagByWholeString) {
-    TempDir dir;
     LSMatrixParameters p;
-    parse(p, with(required(dir.file("run")), {"-hx", "ignored"}));
+    parse(p, with(required(), {"-hx", "ignored"}));
     EXPECT_EQ(p.haplotype_file.string(), "ref.hap");
     EXPECT_TRUE(p.seen("-hx"));
-
     LSMatrixParameters q;
     EXPECT_THROW(parse(q, {"-h", "x", "-help", "-l"}), HelpException);
     EXPECT_EQ(q.haplotype_file.string(), "x");  // parsed before -help
@@ -77,79 +53,60 @@ TEST(Parameters, HelpIsToldApartFromHaplotypeFlagByWholeString) {
 }
 
 TEST(Parameters, ValuesAreTakenByPositionAndRecordedAsFlags) {
-    TempDir dir;
     LSMatrixParameters p;
-    parse(p, with(required(dir.file("run")), {"-int", "-1", "5000000", "-buffer", "250.7", "-call_thresh", "abc",
-                                              "-theta", "0", "-tavlo_input", "-detail", "-print_matrix"}));
+    parse(p, with(required(), {"-int", "-1", "5000000", "-buffer", "250.7", "-call_thresh", "abc", "-theta", "0",
+                                    "-tavlo_input", "-detail", "-print_matrix", "-g", "second.gen"}));
     EXPECT_EQ(p.lower, -1);
     EXPECT_EQ(p.upper, 5000000);
     EXPECT_TRUE(p.seen("-1"));  // a value starting with "-" also counts as a flag
     EXPECT_EQ(p.buffer, 250);   // atoi drops the fraction
     EXPECT_EQ(p.call_thresh, 0);
     EXPECT_EQ(p.theta, 0);
-    EXPECT_TRUE(p.tavlo_input);
-    EXPECT_TRUE(p.detail);
-    EXPECT_TRUE(p.print_matrix);
+    EXPECT_TRUE(p.tavlo_input && p.detail && p.print_matrix);
+    EXPECT_EQ(p.genotype_file.string(), "second.gen");  // a repeated flag: the later value wins
     EXPECT_EQ(p.command_line.substr(0, 9), "ketra -h ");
     EXPECT_EQ(p.command_line.back(), ' ');
-}
-
-TEST(Parameters, ExclusionListsStopAtTheNextFlagAndAccumulate) {
-    TempDir dir;
-    LSMatrixParameters p;
-    parse(p, with(required(dir.file("run")), {"-exclude_snps", "a", "b", "c", "-Ne", "100", "-exclude_snps", "d"}));
-    EXPECT_EQ(p.exclude_snps_files, (std::vector<std::string>{"a", "b", "c", "d"}));
-    EXPECT_EQ(p.Ne, 100);
-
-    LSMatrixParameters q;
-    parse(q, with(required(dir.file("run")), {"-exclude_snps", "-Ne", "5"}));
-    EXPECT_TRUE(q.exclude_snps_files.empty());
-    EXPECT_TRUE(q.seen("-exclude_snps"));
-}
-
-TEST(Parameters, LaterValueOfARepeatedFlagWins) {
-    TempDir dir;
-    LSMatrixParameters p;
-    parse(p, with(required(dir.file("run")), {"-g", "second.gen"}));
-    EXPECT_EQ(p.genotype_file.string(), "second.gen");
+    LSMatrixParameters q;  // lists stop at the next flag and accumulate
+    parse(q, with(required(), {"-exclude_snps", "a", "b", "c", "-Ne", "100", "-exclude_snps", "d"}));
+    EXPECT_EQ(q.exclude_snps_files, (std::vector<std::string>{"a", "b", "c", "d"}));
+    EXPECT_EQ(q.Ne, 100);
+    LSMatrixParameters r;
+    parse(r, with(required(), {"-exclude_snps", "-Ne", "5", "-exclude_samples", "x", "-sample", "s"}));
+    EXPECT_TRUE(r.exclude_snps_files.empty());
+    EXPECT_TRUE(r.seen("-exclude_snps"));
+    EXPECT_EQ(r.sample_file.string(), "s");
 }
 
 TEST(Parameters, NeOutsideItsRangeWarnsAndKeepsTheValue) {
-    TempDir dir;
-    struct Case { std::string ne; bool warns; };
-    for (Case c : {Case{"0", false}, Case{"30000", false}, Case{"30001", true}, Case{"-1", true},
-                   Case{"-0.5", true}}) {
+    for (std::string const ne : {"0", "30000", "30001", "-1", "-0.5"}) {
         LSMatrixParameters p;
-        std::string const out = parse(p, with(required(dir.file("run")), {"-Ne", c.ne}));
-        EXPECT_EQ(out, c.warns ? "Error: Ne needs to be set\n" : "") << c.ne;
-        EXPECT_EQ(p.Ne, std::atof(c.ne.c_str()));
+        bool const warns = ne != "0" && ne != "30000";
+        EXPECT_EQ(parse(p, with(required(), {"-Ne", ne})), warns ? "Error: Ne needs to be set\n" : "") << ne;
+        EXPECT_EQ(p.Ne, std::atof(ne.c_str()));
     }
 }
 
-TEST(Parameters, MissingRequiredFlagsAreReportedInOrder) {
-    EXPECT_EQ(missing_flag({}), "ERROR!!! Flag error-h");
-    EXPECT_EQ(missing_flag({"-h", "a"}), "ERROR!!! Flag error-l");
-    EXPECT_EQ(missing_flag({"-h", "a", "-l", "b", "-m", "c", "-g", "d", "-o", "e"}),
-              "ERROR!!! Flag error-tree_file");
-    EXPECT_EQ(missing_flag({"-h", "a", "-l", "b", "-m", "c", "-tree_file", "t", "-o", "e"}),
-              "ERROR!!! Flag error-g");
-}
-
-TEST(Parameters, ExcludeSamplesNeedsSampleFile) {
-    TempDir dir;
-    EXPECT_EQ(missing_flag(with(required(dir.file("run")), {"-exclude_samples", "x"})),
-              "ERROR!!! Flag error-sample");
-    LSMatrixParameters p;
-    parse(p, with(required(dir.file("run")), {"-exclude_samples", "x", "-sample", "s"}));
-    EXPECT_EQ(p.sample_file.string(), "s");
-}
-
-TEST(Parameters, ValueFlagWithoutValueIsReported) {
-    TempDir dir;
-    EXPECT_EQ(missing_flag(with(required(dir.file("run")), {"-Ne"})), "ERROR!!! Must specify a value for flag-Ne");
-    EXPECT_EQ(missing_flag(with(required(dir.file("run")), {"-int", "5"})),
-              "ERROR!!! Must specify a value for flag-int");
-    EXPECT_EQ(missing_flag({"-o"}), "ERROR!!! Must specify a value for flag-o");
+TEST(Parameters, MissingFlagsAndValuesAreReported) {
+    std::vector<std::pair<std::vector<std::string>, std::string>> const cases = {
+        {{}, "Flag error-h"},
+        {{"-h", "a"}, "Flag error-l"},
+        {{"-h", "a", "-l", "b", "-m", "c", "-g", "d", "-o", "e"}, "Flag error-tree_file"},
+        {{"-h", "a", "-l", "b", "-m", "c", "-tree_file", "t", "-o", "e"}, "Flag error-g"},
+        {with(required(), {"-exclude_samples", "x"}), "Flag error-sample"},
+        {with(required(), {"-Ne"}), "Must specify a value for flag-Ne"},
+        {with(required(), {"-int", "5"}), "Must specify a value for flag-int"},
+        {{"-o"}, "Must specify a value for flag-o"},
+    };
+    for (auto const& [args, message] : cases) {
+        LSMatrixParameters p;
+        std::string got = "no exception";
+        try {
+            parse(p, args);
+        } catch (MissingFlagException const& e) {
+            got = e.message;
+        }
+        EXPECT_EQ(got, "ERROR!!! " + message);
+    }
 }
 
 TEST(Parameters, OutputDirectoryIsCreatedWithParents) {
