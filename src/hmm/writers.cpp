@@ -1,6 +1,9 @@
 // The run's output files: matrix file, details, pardo branch files, and the
 // text of one .full_matrix block.
+#include <algorithm>
+#include <atomic>
 #include <fstream>
+#include <thread>
 #include <iostream>
 
 #include "data/text_stream.h"
@@ -58,33 +61,62 @@ void HMM::output_details(std::string const& file_name, std::vector<std::vector<d
     }
 }
 
-void HMM::output_pardo(std::map<double, matrix_data>& positions) {
+namespace {
+
+// Writes one position's pardo file: a line per marked branch.
+void write_pardo_file(double t, HMM::matrix_data const& position) {
+    std::ofstream out(position.name + ".pardo", std::ios::out | std::ios::trunc);
+    if (!out.is_open()) return;  // not reported; the run goes on
     std::string line;
+    for (auto const& branch : position.branch_genotypes) {
+        line.clear();
+        append_number(line, branch.first);
+        line += ' ';
+        auto const found = position.nodes.find(branch.first);
+        append_number(line, found != position.nodes.end() ? found->second.branch_length : 0.0, 6);
+        line += ' ';
+        append_number(line, t, 6);
+        line += " A T ";
+        for (HMM::branch_row const& row : branch.second) {
+            append_number(line, row[0], 6);
+            line += ' ';
+            append_number(line, row[1], 6);
+            line += ' ';
+            append_number(line, 1 - row[0] - row[1], 6);
+            line += ' ';
+        }
+        line += '\n';
+        out.write(line.data(), static_cast<std::streamsize>(line.size()));
+    }
+}
+
+}  // namespace
+
+void HMM::output_pardo(std::map<double, matrix_data>& positions) {
+    // Positions whose names coincide write the same file, and the higher
+    // position's text is what remains: write only that one. The files are
+    // then distinct and can be written in parallel (the text of a large run
+    // is gigabytes of numbers).
+    std::vector<std::pair<double, matrix_data const*>> files;
+    std::map<std::string, std::size_t> by_name;
     for (auto const& entry : positions) {
-        matrix_data const& position = entry.second;
-        std::ofstream out(position.name + ".pardo", std::ios::out | std::ios::trunc);
-        if (!out.is_open()) continue;  // not reported; the run goes on
-        for (auto const& branch : position.branch_genotypes) {
-            line.clear();
-            append_number(line, branch.first);
-            line += ' ';
-            auto const found = position.nodes.find(branch.first);
-            append_number(line, found != position.nodes.end() ? found->second.branch_length : 0.0, 6);
-            line += ' ';
-            append_number(line, entry.first, 6);
-            line += " A T ";
-            for (branch_row const& row : branch.second) {
-                append_number(line, row[0], 6);
-                line += ' ';
-                append_number(line, row[1], 6);
-                line += ' ';
-                append_number(line, 1 - row[0] - row[1], 6);
-                line += ' ';
-            }
-            line += '\n';
-            out.write(line.data(), static_cast<std::streamsize>(line.size()));
+        auto const found = by_name.find(entry.second.name);
+        if (found != by_name.end()) {
+            files[found->second] = {entry.first, &entry.second};
+        } else {
+            by_name.emplace(entry.second.name, files.size());
+            files.emplace_back(entry.first, &entry.second);
         }
     }
+    std::atomic<std::size_t> next{0};
+    auto worker = [&] {
+        for (std::size_t i; (i = next.fetch_add(1)) < files.size();) write_pardo_file(files[i].first, *files[i].second);
+    };
+    int const threads = std::max(1, std::min<int>(parameters.threads, static_cast<int>(files.size())));
+    std::vector<std::thread> pool;
+    for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
+    worker();
+    for (auto& t : pool) t.join();
 }
 
 void append_full_matrix_block(std::string& out, double const* pair_posterior, int K) {
