@@ -3,6 +3,7 @@
 //
 //   ketra_bench [--K n] [--L n] [--N n] [--positions n] [--seed n]
 //               [--threads "1 2"] [--dir path] [--ketra path/to/ketra]
+//               [--baseline n]   (individuals timed with the straightforward engine; 0 = skip)
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -24,6 +26,8 @@
 #include "bench_inputs.h"
 #include "data/data.h"
 #include "hmm/hmm.h"
+#include "straightforward.h"
+#include "trees/tree_map.h"
 
 namespace {
 
@@ -97,6 +101,7 @@ int main(int argc, char** argv) {
     std::string thread_list = "1 2";
     std::string dir = "bench-data";
     std::string ketra = "./ketra";
+    int baseline_individuals = 10;
     for (int i = 1; i + 1 < argc; i += 2) {
         std::string const flag = argv[i], value = argv[i + 1];
         if (flag == "--K") sizes.haplotypes = std::atoi(value.c_str());
@@ -107,6 +112,7 @@ int main(int argc, char** argv) {
         else if (flag == "--threads") thread_list = value;
         else if (flag == "--dir") dir = value;
         else if (flag == "--ketra") ketra = value;
+        else if (flag == "--baseline") baseline_individuals = std::atoi(value.c_str());
         else {
             std::cout << "unknown option " << flag << "\n";
             return 2;
@@ -153,6 +159,19 @@ int main(int argc, char** argv) {
     for (std::string const& t : split(thread_list)) {
         double const wall = time_engine(hmm, std::atoi(t.c_str()));
         std::printf("%8s %12.2f %16.3g %14.3f\n", t.c_str(), wall, updates / wall, wall / updates * 1e9);
+    }
+    // The straightforward engine, on a few individuals, scaled to all of them.
+    if (baseline_individuals > 0) {
+        std::map<double, std::string> trees;
+        std::cout.rdbuf(discard.rdbuf());
+        read_tree_map_file(parameters, trees);
+        std::cout.rdbuf(saved);
+        int const n = std::min(baseline_individuals, sizes.individuals);
+        double const per = straightforward_seconds_per_individual(hmm, trees, n);
+        double const all = per * sizes.individuals;
+        std::printf("\nstraightforward engine (measured on %d individuals, scaled to %d; 1 thread):\n", n,
+                    sizes.individuals);
+        std::printf("%8s %12.2f %16.3g %14.3f\n", "1", all, updates / all, all / updates * 1e9);
     }
     rusage self{};
     getrusage(RUSAGE_SELF, &self);
