@@ -476,6 +476,40 @@ TEST(E2eSmall, NoIndividualsWritesZeroSums) {
     EXPECT_EQ(files.size(), 8u);  // matrix, .aux, snp_info and 5 pardo files
 }
 
+// A genotype file that places no SNP leaves the individual count at -1 and the
+// SNP table empty: every tree position goes to the .aux file, the progress
+// line shows the count as it stands, and the matrix file is empty.
+TEST(E2eSmall, GenotypesOffThePanelShowTheUnsetCount) {
+    TempDir dir;
+    copy_inputs(small_dir(), dir);
+    std::string shifted;
+    for (std::string const& line : split_lines(read_file(dir.file("study.gen")))) {
+        std::istringstream in(line);
+        std::string id, rs;
+        long position = 0;
+        in >> id >> rs >> position;
+        std::string rest;
+        std::getline(in, rest);
+        shifted += id + " " + rs + " " + std::to_string(position + 1) + rest + "\n";
+    }
+    write_file(dir.file("study.gen"), shifted);
+    auto const r = run_ketra(plus(small_args("out/run"), {"-tavlo_input", "-print_matrix", "-detail", "-threads", "2"}),
+                             dir.path().string());
+    EXPECT_EQ(r.status, 0);
+    std::string const out = normalise(r.out);
+    EXPECT_NE(out.find("number of individuals in genotype file: -1\n"), std::string::npos);
+    EXPECT_TRUE(ends_with(out, "please be patient).\n\r[" + std::string(60, ' ') +
+                                   "]         0/-1\n\nwriting matrix file ... done\n\nfinished\n" + closing))
+        << out.substr(out.size() > 400 ? out.size() - 400 : 0);
+    auto const files = collect_files(dir.path() / "out");
+    EXPECT_EQ(files.at("run"), "");
+    std::size_t ignored = 0;
+    for (std::string const& line : split_lines(files.at("run.aux")))
+        if (line.find(" ignored: no genotype or reference haplotype information") != std::string::npos) ++ignored;
+    EXPECT_EQ(ignored, 7u);
+    EXPECT_EQ(files.size(), 2u);
+}
+
 // Failures after the tree map file end the run with status 0, after the
 // message and "Program terminated", without the closing lines.
 TEST(E2eSmall, DataAndOutputFailuresEndWithStatusZero) {
