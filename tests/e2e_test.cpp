@@ -445,6 +445,20 @@ TEST(E2eSmall, PositionPrecisionAndSharedFileNames) {
     EXPECT_EQ(files.size(), 6u);
 }
 
+// Haplotype lines without alleles (K = 0): no sum is written, so the precision
+// that later positions inherit from the sums is never set and every position
+// keeps 6 significant digits.
+TEST(E2eSmall, NoHaplotypesKeepTheDefaultPrecisionOnEveryLine) {
+    TempDir dir;
+    copy_inputs(small_dir(), dir);
+    write_file(dir.file("ref.hap"), std::string(7, '\n'));
+    write_file(dir.file("trees.txt"), "1175.5123456 0;0;\n1250.123456789 0;0;\n");
+    auto const r = run_ketra(small_args("out/run"), dir.path().string());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("number of haplotypes: 0\n"), std::string::npos);
+    EXPECT_EQ(read_file(dir.file("out/run")), "1175.51 \n1250.12 \n");
+}
+
 // Every individual excluded: the passes run for nobody, the writers still run.
 TEST(E2eSmall, NoIndividualsWritesZeroSums) {
     TempDir dir;
