@@ -176,7 +176,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
                 std::_Exit(1);
             }
             std::vector<double>& sums = position_data[p]->haplotype_sums;
-            double const* m = &result.haplotype_probs[p * K];
+            double const* m = result.haplotype_probs.data() + p * K;
             for (int k = 0; k < K; ++k) sums[k] += m[k];
             if (tavlo) {
                 double const* values = result.branches[p].data();
@@ -205,7 +205,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
         }
         std::vector<double> both(max_nodes), one(max_nodes), work(2 * max_nodes);
         auto sink = [&](int p, double const* pair_posterior) {
-            double* probs = &result.haplotype_probs[p * K];
+            double* probs = result.haplotype_probs.data() + p * K;
             hmm_kernel::haplotype_probabilities(K, pair_posterior, probs);
             if (full_matrix) {
                 result.full_matrix[p].clear();
