@@ -445,6 +445,20 @@ TEST(E2eSmall, PositionPrecisionAndSharedFileNames) {
     EXPECT_EQ(files.size(), 6u);
 }
 
+// Haplotype lines without alleles (K = 0): no sum is written, so the precision
+// that later positions inherit from the sums is never set and every position
+// keeps 6 significant digits.
+TEST(E2eSmall, NoHaplotypesKeepTheDefaultPrecisionOnEveryLine) {
+    TempDir dir;
+    copy_inputs(small_dir(), dir);
+    write_file(dir.file("ref.hap"), std::string(7, '\n'));
+    write_file(dir.file("trees.txt"), "1175.5123456 0;0;\n1250.123456789 0;0;\n");
+    auto const r = run_ketra(small_args("out/run"), dir.path().string());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("number of haplotypes: 0\n"), std::string::npos);
+    EXPECT_EQ(read_file(dir.file("out/run")), "1175.51 \n1250.12 \n");
+}
+
 // Every individual excluded: the passes run for nobody, the writers still run.
 TEST(E2eSmall, NoIndividualsWritesZeroSums) {
     TempDir dir;
@@ -474,6 +488,40 @@ TEST(E2eSmall, NoIndividualsWritesZeroSums) {
         EXPECT_TRUE(ends_with(line, " 0 0 0 0 " + words.back() + " ")) << line;
     }
     EXPECT_EQ(files.size(), 8u);  // matrix, .aux, snp_info and 5 pardo files
+}
+
+// A genotype file that places no SNP leaves the individual count at -1 and the
+// SNP table empty: every tree position goes to the .aux file, the progress
+// line shows the count as it stands, and the matrix file is empty.
+TEST(E2eSmall, GenotypesOffThePanelShowTheUnsetCount) {
+    TempDir dir;
+    copy_inputs(small_dir(), dir);
+    std::string shifted;
+    for (std::string const& line : split_lines(read_file(dir.file("study.gen")))) {
+        std::istringstream in(line);
+        std::string id, rs;
+        long position = 0;
+        in >> id >> rs >> position;
+        std::string rest;
+        std::getline(in, rest);
+        shifted += id + " " + rs + " " + std::to_string(position + 1) + rest + "\n";
+    }
+    write_file(dir.file("study.gen"), shifted);
+    auto const r = run_ketra(plus(small_args("out/run"), {"-tavlo_input", "-print_matrix", "-detail", "-threads", "2"}),
+                             dir.path().string());
+    EXPECT_EQ(r.status, 0);
+    std::string const out = normalise(r.out);
+    EXPECT_NE(out.find("number of individuals in genotype file: -1\n"), std::string::npos);
+    EXPECT_TRUE(ends_with(out, "please be patient).\n\r[" + std::string(60, ' ') +
+                                   "]         0/-1\n\nwriting matrix file ... done\n\nfinished\n" + closing))
+        << out.substr(out.size() > 400 ? out.size() - 400 : 0);
+    auto const files = collect_files(dir.path() / "out");
+    EXPECT_EQ(files.at("run"), "");
+    std::size_t ignored = 0;
+    for (std::string const& line : split_lines(files.at("run.aux")))
+        if (line.find(" ignored: no genotype or reference haplotype information") != std::string::npos) ++ignored;
+    EXPECT_EQ(ignored, 7u);
+    EXPECT_EQ(files.size(), 2u);
 }
 
 // Failures after the tree map file end the run with status 0, after the

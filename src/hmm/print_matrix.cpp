@@ -150,9 +150,12 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     std::vector<std::vector<std::vector<double>>*> detail_rows(detail ? P : 0);
     for (std::size_t p = 0; p < detail_rows.size(); ++p) detail_rows[p] = &details[position_list[p]];
 
+    // The progress line shows the store's count as it stands: -1 when the
+    // genotype file placed no SNP (the loops above and below then run for nobody).
+    int const shown_total = n_individuals;
     std::cout << "Performing forward and backward calculations (this may take a while, please be patient)."
               << std::endl;
-    draw_progress(0, N);
+    draw_progress(0, shown_total);
 
     full_matrix_files full_matrix_out;
     std::mutex commit_mutex;
@@ -173,7 +176,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
                 std::_Exit(1);
             }
             std::vector<double>& sums = position_data[p]->haplotype_sums;
-            double const* m = &result.haplotype_probs[p * K];
+            double const* m = result.haplotype_probs.data() + p * K;
             for (int k = 0; k < K; ++k) sums[k] += m[k];
             if (tavlo) {
                 double const* values = result.branches[p].data();
@@ -188,7 +191,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
                 for (int k = 0; k < K; ++k) d[k][n] += m[k];
             }
         }
-        draw_progress(n + 1, N);
+        draw_progress(n + 1, shown_total);
     };
 
     auto worker = [&]() {
@@ -202,7 +205,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
         }
         std::vector<double> both(max_nodes), one(max_nodes), work(2 * max_nodes);
         auto sink = [&](int p, double const* pair_posterior) {
-            double* probs = &result.haplotype_probs[p * K];
+            double* probs = result.haplotype_probs.data() + p * K;
             hmm_kernel::haplotype_probabilities(K, pair_posterior, probs);
             if (full_matrix) {
                 result.full_matrix[p].clear();

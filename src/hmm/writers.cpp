@@ -24,22 +24,23 @@ void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::
     }
 
     std::string line;
-    bool first = true;
+    int precision = 6;  // the stream's default until the first sum is written
     for (auto const& entry : positions) {
         line.clear();
         // The first line's position is written at the stream's default
         // precision, later ones at 10 digits: the precision set for the sums
-        // stays set for the next line's position.
-        append_number(line, entry.first, first ? 6 : 10);
+        // stays set for the next line's position (with no haplotypes no sum
+        // is written and it never changes).
+        append_number(line, entry.first, precision);
         line += ' ';
         std::vector<double> const& sums = entry.second.haplotype_sums;
         for (std::size_t k = 0; k < sums.size(); ++k) {
-            append_number(line, sums[k], 10);
+            precision = 10;
+            append_number(line, sums[k], precision);
             line += k + 1 < sums.size() ? ", " : ";";
         }
         line += '\n';
         if (out) out->write(line.data(), static_cast<std::streamsize>(line.size()));
-        first = false;
     }
 
     // With "-detail" the details file is looked up once, with the end of the
