@@ -37,13 +37,7 @@ void data::setup() {
         if (s.genotype_allele_a != s.legend_allele_1) continue;
         // Genotype labels are the panel's the other way round.
         std::swap(s.genotype_allele_a, s.genotype_allele_b);
-        std::size_t const n = std::min({static_cast<std::size_t>(std::max(n_individuals, 0)), s.genotypes.size(),
-                                        s.genotype_probs.size()});
-        for (std::size_t i = 0; i < n; ++i) {
-            if (s.genotypes[i] != 3) s.genotypes[i] = 2 - s.genotypes[i];
-            std::reverse(s.genotype_probs[i].begin(), s.genotype_probs[i].end());
-        }
-        s.genotype_frequency = 1.0 - s.genotype_frequency;
+        reverse_allele_coding(s, static_cast<std::size_t>(std::max(n_individuals, 0)));
     }
     std::cout << "done" << std::endl;
 

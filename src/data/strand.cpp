@@ -65,11 +65,8 @@ void data::read_strand_data() {
         double const g = s.genotype_frequency;
         // Frequencies far apart but summing close to one: the coding is reversed.
         if (std::fabs(r - g) > 0.2 && std::fabs(1.0 - r - g) < 0.2) {
-            for (int& call : s.genotypes)
-                if (call != 3) call = 2 - call;
-            for (auto& triple : s.genotype_probs) std::reverse(triple.begin(), triple.end());
+            reverse_allele_coding(s, s.genotypes.size());
             s.strand = "f";
-            s.genotype_frequency = 1.0 - g;
         }
     }
     label_60(std::cout, "Number of genotyped SNPs still missing a strand: ") << missing;
