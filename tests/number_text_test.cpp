@@ -8,7 +8,7 @@
 #include <random>
 #include <sstream>
 
-#include "hmm/number_text.h"
+#include "io/number_text.h"
 
 namespace {
 

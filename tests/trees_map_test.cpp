@@ -7,7 +7,7 @@
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
 
-#include "data/badfilename.h"
+#include "io/badfilename.h"
 #include "params/parameters.h"
 #include "support/test_support.h"
 #include "trees/tree_map.h"

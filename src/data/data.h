@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "data/badfilename.h"
+#include "io/badfilename.h"
 #include "data/snp.h"
 #include "params/parameters.h"
 

@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "app/console.h"
+#include "io/console.h"
 #include "data/data.h"
-#include "data/text_stream.h"
+#include "io/text_stream.h"
 
 namespace {
 

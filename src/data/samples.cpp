@@ -5,9 +5,9 @@
 #include <sstream>
 #include <string>
 
-#include "app/console.h"
+#include "io/console.h"
 #include "data/data.h"
-#include "data/text_stream.h"
+#include "io/text_stream.h"
 
 void data::read_sample_file() {
     std::string const file = parameters.sample_file.string();

@@ -6,9 +6,9 @@
 #include <thread>
 #include <iostream>
 
-#include "data/text_stream.h"
+#include "io/text_stream.h"
 #include "hmm/hmm.h"
-#include "hmm/number_text.h"
+#include "io/number_text.h"
 #include "hmm/writers.h"
 
 void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,

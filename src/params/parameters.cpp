@@ -6,7 +6,7 @@
 
 #include <boost/filesystem/operations.hpp>
 
-#include "app/console.h"
+#include "io/console.h"
 
 const std::string HelpException::m_what = "Help wanted";
 const std::string FlagException::m_message = "ERROR!!! Flag error";
@@ -45,6 +45,12 @@ void LSMatrixParameters::reset_parameters() {
     tree_file = "NULL";
     upper = -1;
     threads = 1;
+    chunk_index = 0;
+    chunk_count = 0;
+    merge_count = 0;
+    strict = false;
+    gpu = false;
+    pardo_gz = false;
 
     required_flags = {"-h", "-l", "-m", "-tree_file", "-g", "-o"};
     flag_dependencies["-exclude_samples"] = {"-sample"};
@@ -105,6 +111,14 @@ void LSMatrixParameters::process_parameters(int argc, char** argv) {
         if (arg == "-theta") theta = std::atof(value_after(argc, argv, i, 1).c_str());
         if (arg == "-tree_filename") tree_filename = value_after(argc, argv, i, 1);
         if (arg == "-threads") threads = std::atoi(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-chunk") {
+            chunk_index = std::atoi(value_after(argc, argv, i, 1).c_str());
+            chunk_count = std::atoi(value_after(argc, argv, i, 2).c_str());
+        }
+        if (arg == "-merge") merge_count = std::atoi(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-strict") strict = true;
+        if (arg == "-gpu") gpu = true;
+        if (arg == "-pardo_gz") pardo_gz = true;
     }
 
     if (Ne == -1 || Ne < 0 || Ne > 30000) std::cout << "Error: Ne needs to be set" << std::endl;

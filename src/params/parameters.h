@@ -60,6 +60,14 @@ public:
     double upper;
     // Worker threads for the per-individual work; results do not depend on it.
     int threads;
+    // "-chunk <i> <n>": run only the i-th of n slices of the individuals (0 0 when not given).
+    int chunk_index;
+    int chunk_count;
+    // "-merge <n>": combine the partial results of n chunk runs (0 when not given).
+    int merge_count;
+    bool strict;    // "-strict": every failure ends with a non-zero status
+    bool gpu;       // "-gpu": run the passes on the GPU engine
+    bool pardo_gz;  // "-pardo_gz": write name.pardo.gz instead of name.pardo
 
     void process_parameters(int argc, char** argv);
     void parameters_summary(std::ostream& os) const override;

@@ -3,9 +3,9 @@
 #include <iostream>
 #include <sstream>
 
-#include "app/console.h"
-#include "data/badfilename.h"
-#include "data/text_stream.h"
+#include "io/console.h"
+#include "io/badfilename.h"
+#include "io/text_stream.h"
 
 void read_tree_map_file(LSMatrixParameters const& parameters, std::map<double, std::string>& tree_map) {
     boost::filesystem::path const& path = parameters.tree_file;

@@ -1,4 +1,4 @@
-#include "data/text_stream.h"
+#include "io/text_stream.h"
 
 #include <string>
 
