@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -80,8 +81,11 @@ double gamma_step(int K, double stay, double jump, const double* Gn, const doubl
                   const double* ecol, double* G, double* Rg_out);
 // B_s = transition of Gn = E_{s+1} * B_{s+1}, no emission. When the total of
 // gamma_step is below the limit, the caller forms B_s with this, divides B_s
-// and the row sums by the total, and forms G_s again with weighted.
-void backward_from_gamma(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg, double* B);
+// and the row sums by the total, and forms G_s again with weighted. When R is
+// not null, also writes B_s's row sums there (those row_sums gives) and
+// returns its total; otherwise returns 0.
+double backward_from_gamma(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg,
+                           double* B, double* R = nullptr);
 
 // ---- Posterior -------------------------------------------------------------
 
@@ -89,9 +93,10 @@ void backward_from_gamma(int K, double stay, double jump, const double* Gn, cons
 // right flank's backward values B. Unless a distance is 0, each array is first
 // carried to the position by one transition step with e = exp(-rate*d/K),
 // jump = (1-e)/K, stay = e + jump. Then P = F*B, divided by its total.
-// scratch must hold 2K doubles.
+// scratch must hold 2K doubles. When m is not null, it also receives the
+// haplotype probabilities of P (as haplotype_probabilities gives them).
 void posterior(int K, double rate, double left_distance, double right_distance, const double* F,
-               const double* B, double* P, double* scratch);
+               const double* B, double* P, double* scratch, double* m = nullptr);
 
 // m[k] = sum_j P(k, j): probability that one given copy copies haplotype k.
 // Returns the sum of m.
@@ -169,34 +174,95 @@ struct Schedule {
 };
 
 // Receives each position's pair posterior (index into the schedule's flanks).
+// A receiver that takes a third pointer also gets the position's haplotype
+// probabilities (K values, those of haplotype_probabilities), which the
+// pipeline forms in the same pass that normalises the posterior.
 class PosteriorSink {
 public:
     template <class F>
-    PosteriorSink(F& f) : object_(&f), call_([](void* o, int p, const double* P) { (*static_cast<F*>(o))(p, P); }) {}
-    void operator()(int p, const double* P) const { call_(object_, p, P); }
+    PosteriorSink(F& f)
+        : object_(&f), wants_haplotypes_(std::is_invocable_v<F&, int, const double*, const double*>),
+          call_([](void* o, int p, const double* P, const double* m) {
+              if constexpr (std::is_invocable_v<F&, int, const double*, const double*>)
+                  (*static_cast<F*>(o))(p, P, m);
+              else
+                  (*static_cast<F*>(o))(p, P);
+          }) {}
+    void operator()(int p, const double* P, const double* m = nullptr) const { call_(object_, p, P, m); }
+    bool wants_haplotypes() const { return wants_haplotypes_; }
 
 private:
     void* object_;
-    void (*call_)(void*, int, const double*);
+    bool wants_haplotypes_;
+    void (*call_)(void*, int, const double*, const double*);
 };
 
+// Memory a Workspace may spend per thread on kept forward arrays, unless told
+// otherwise. Beyond it, forward arrays are kept only at some positions and
+// recomputed from there when the backward pass reaches them.
+constexpr std::size_t default_kept_budget = std::size_t(1) << 30;
+
+// Which kept forward arrays (indices 0 .. n_kept-1, ascending by SNP) are
+// stored when, for a given number of storage slots. The backward pass uses them
+// in descending order; a sweep recomputes the forward values from an array
+// that is held (or from the first SNP, from = -1) up to kept index `to`,
+// storing the listed ones. Every kept index is stored exactly once, in
+// slot_of[k], by the time sweeps_before[k] sweeps have run, and stays there
+// until the pass has gone below it.
+struct CheckpointPlan {
+    struct Sweep {
+        int from = -1, to = -1;
+        std::vector<int> store;  // kept indices, ascending
+    };
+    int slots = 0;
+    std::vector<int> slot_of, sweeps_before;
+    std::vector<Sweep> sweeps;
+};
+// slots >= 1 (fewer are raised to one). With n_kept <= slots this is one sweep
+// that stores everything, as if there were no budget.
+CheckpointPlan plan_checkpoints(int n_kept, int slots);
+
 // Per-thread buffers for one individual at a time; grown on first use and
-// reused afterwards. Memory: one pair array per kept forward flank plus five
-// working pair arrays, independent of the number of SNPs.
+// reused afterwards. Memory: up to kept_budget bytes of kept forward arrays
+// (at least one array) plus five working pair arrays, independent of the
+// number of SNPs.
 class Workspace {
 public:
+    explicit Workspace(std::size_t kept_budget = default_kept_budget) : kept_budget_(kept_budget) {}
+
     // Runs both passes for one individual's genotype codes (L values) and
     // hands every position's posterior to sink, in the order the backward pass
-    // reaches them. The results are those of full storage, bit for bit.
+    // reaches them. The results are those of full storage, bit for bit,
+    // whatever the budget.
     void run(Panel const& panel, Schedule const& schedule, const std::uint8_t* genotypes, PosteriorSink sink);
 
+    // Bytes a workspace with this budget holds for K haplotypes and schedule.
+    static std::size_t bytes(int K, Schedule const& schedule, std::size_t kept_budget = default_kept_budget);
+    // Forward arrays it can keep at once for K haplotypes (at least one).
+    static int kept_slots(int K, std::size_t kept_budget);
+    // Forward steps taken by the last run (recomputation included).
+    long forward_steps() const { return forward_steps_; }
+
 private:
-    void reserve(int K, int n_kept);
+    struct Kept {  // one stored forward array with the state the next step needs
+        std::vector<double> F, R;
+        double total = 0.0;
+        bool rescaled = false;  // F and R were divided by total
+    };
+    void reserve(int K, int slots);
+    void sweep(Panel const& panel, const std::uint8_t* genotypes, CheckpointPlan::Sweep const& step);
+
+    std::size_t kept_budget_;
     int K_ = -1;
     std::vector<double> f_, rf_[2];  // forward values (updated in place) and row sums
-    std::vector<double> kept_;       // n_kept forward arrays
+    std::vector<Kept> kept_;         // storage slots for forward arrays
+    CheckpointPlan plan_;
+    std::vector<int> kept_snp_;  // kept index -> SNP
+    std::vector<int> visit_;     // positions in the order they are finished
     std::vector<double> b_, g_[2], rg_[2];  // backward values, E * B (rolling) and its row sums
-    std::vector<double> p_, scratch_;
+    std::vector<double> rb_;                // row sums of B where known
+    std::vector<double> p_, m_, scratch_;
+    long forward_steps_ = 0;
 };
 
 }  // namespace hmm_kernel
