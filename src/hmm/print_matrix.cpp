@@ -97,15 +97,10 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
         std::vector<branch_row> const row_template(N, branch_row{0.0, 0.0});
         for (auto& entry : positions) {
             matrix_data& position = entry.second;
-            read_tree(position.tree, position.nodes, K);
-            for (auto& n : position.nodes) {
+            // The per-branch sums work from the nodes' children: no leaf sets.
+            read_tree(position.tree, position.nodes, K, false);
+            for (auto& n : position.nodes)
                 if (n.second.branch_length > 0) position.branch_genotypes[n.first] = row_template;
-                // The per-branch sums work from the nodes' children; the leaf
-                // sets (K entries per node, 2K nodes per tree) would otherwise
-                // be the run's largest store.
-                n.second.leaves_below.clear();
-                n.second.leaves_outside.clear();
-            }
         }
     }
 
