@@ -56,6 +56,9 @@ public:
     void output_pardo(std::map<double, matrix_data>& positions);
 };
 
+// A SNP's reference alleles as the kernel takes them (0.0 / 1.0), into h (K values).
+void alleles_as_doubles(snp const& s, std::vector<double>& h);
+
 // The panel in the engine's compact form: alleles as 0/1 doubles, switch
 // rates, positions, rates per base, the emission matrix by genotype column and
 // every individual's genotype codes. Built once per run.
