@@ -466,30 +466,81 @@ BranchLayout::BranchLayout(int K_, std::vector<int> a, std::vector<int> b)
             stack.push_back({child_a[v], false});
         }
     }
+    rank.assign(K, 0);
+    for (int p = 0; p < K; ++p) rank[order[p]] = p;
 }
 
-KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
-                          double* one, double* work) {
+namespace {
+
+// Q[p][q] = P(order[p], order[q]) for q < p, in the flat triangular layout.
+// Leaves are taken eight consecutive ids at a time: their full rows of the
+// symmetric matrix come from their own rows of P and one cache line of every
+// later row, and are then scattered into the depth-first rows of Q.
+KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, double* Q, std::vector<double>& rows) {
+    int const K = layout.K;
+    constexpr int block = 8;
+    rows.resize(static_cast<std::size_t>(block) * K);
+    const int* order = layout.order.data();
+    for (int X = 0; X < K; X += block) {
+        int const w = std::min(block, K - X);
+        for (int u = 0; u < w; ++u) {
+            double* row = rows.data() + static_cast<std::size_t>(u) * K;
+            std::memcpy(row, P + tri_offset(X + u), (X + u + 1) * sizeof(double));
+            for (int y = X + u + 1; y < X + w; ++y) row[y] = P[tri_offset(y) + X + u];
+        }
+        for (int y = X + w; y < K; ++y) {
+            const double* line = P + tri_offset(y) + X;
+            for (int u = 0; u < w; ++u) rows[static_cast<std::size_t>(u) * K + y] = line[u];
+        }
+        for (int u = 0; u < w; ++u) {
+            const double* row = rows.data() + static_cast<std::size_t>(u) * K;
+            int const p = layout.rank[X + u];
+            double* out = Q + tri_offset(p);
+            for (int q = 0; q < p; ++q) out[q] = row[order[q]];
+        }
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// The branch sums, with pair(p, q) = P(order[p], order[q]) for q < p.
+template <class Pair>
+KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const double* m, double* both, double* one,
+                              double* work, Pair const& pair) {
     int const n = layout.n_nodes();
     double* W = work;      // ordered-pair sum of P within the node's leaves
     double* S = work + n;  // sum of m over the node's leaves
-    const int* order = layout.order.data();
     for (int v = 0; v < n; ++v) {
         if (v < layout.K) {
             W[v] = P[tri_offset(v) + v];
             S[v] = m[v];
         } else {
             int const a = layout.child_a[v], b = layout.child_b[v];
-            // Pairs with one leaf under each child meet at this node only.
+            // Pairs with one leaf under each child meet at this node only;
+            // a's leaves come before b's in depth-first order. Each row's sum
+            // is serial and the rows are added in order; four rows run side
+            // by side, so the additions overlap without changing their order.
             double cross = 0.0;
-            for (int p = layout.lo[b]; p < layout.hi[b]; ++p) {
-                int const x = order[p];
-                std::size_t const ox = tri_offset(x);
-                double row = 0.0;
-                for (int q = layout.lo[a]; q < layout.hi[a]; ++q) {
-                    int const y = order[q];
-                    row += x > y ? P[ox + y] : P[tri_offset(y) + x];
+            int const qa = layout.lo[a], qb = layout.hi[a];
+            int p = layout.lo[b];
+            for (; p + 4 <= layout.hi[b]; p += 4) {
+                double r0 = 0.0, r1 = 0.0, r2 = 0.0, r3 = 0.0;
+                for (int q = qa; q < qb; ++q) {
+                    r0 += pair(p, q);
+                    r1 += pair(p + 1, q);
+                    r2 += pair(p + 2, q);
+                    r3 += pair(p + 3, q);
                 }
+                cross += r0;
+                cross += r1;
+                cross += r2;
+                cross += r3;
+            }
+            for (; p < layout.hi[b]; ++p) {
+                double row = 0.0;
+                for (int q = qa; q < qb; ++q) row += pair(p, q);
                 cross += row;
             }
             W[v] = (W[a] + W[b]) + 2.0 * cross;
@@ -497,6 +548,24 @@ KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double*
         }
         both[v] = W[v];
         one[v] = 2.0 * (S[v] - W[v]);
+    }
+}
+
+}  // namespace
+
+KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
+                                       double* one, double* work, double* reordered) {
+    if (reordered) {
+        thread_local std::vector<double> rows;
+        reorder_pairs(layout, P, reordered, rows);
+        branch_sums(layout, P, m, both, one, work,
+                    [reordered](int p, int q) { return reordered[tri_offset(p) + q]; });
+    } else {
+        const int* order = layout.order.data();
+        branch_sums(layout, P, m, both, one, work, [P, order](int p, int q) {
+            int const x = order[p], y = order[q];
+            return P[x > y ? tri_offset(x) + y : tri_offset(y) + x];
+        });
     }
 }
 

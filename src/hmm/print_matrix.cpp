@@ -199,9 +199,10 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
             for (std::size_t p = 0; p < P; ++p) result.branches[p].assign(2 * targets[p].size(), 0.0);
         }
         std::vector<double> both(max_nodes), one(max_nodes), work(2 * max_nodes);
-        auto sink = [&](int p, double const* pair_posterior) {
+        std::vector<double> reordered(tavlo ? hmm_kernel::tri_size(K) : 0);
+        auto sink = [&](int p, double const* pair_posterior, double const* haplotype_probs) {
             double* probs = result.haplotype_probs.data() + p * K;
-            hmm_kernel::haplotype_probabilities(K, pair_posterior, probs);
+            std::copy(haplotype_probs, haplotype_probs + K, probs);
             if (full_matrix) {
                 result.full_matrix[p].clear();
                 append_full_matrix_block(result.full_matrix[p], pair_posterior, K);
@@ -212,7 +213,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
                     return;
                 }
                 hmm_kernel::branch_probabilities(layouts[p], pair_posterior, probs, both.data(), one.data(),
-                                                 work.data());
+                                                 work.data(), reordered.data());
                 double* values = result.branches[p].data();
                 for (branch_target const& target : targets[p]) {
                     *values++ = both[target.node];
