@@ -752,44 +752,56 @@ void Workspace::reserve(int K, int slots) {
 
 // Forward values from a held array (or the first SNP) up to kept index
 // step.to, in f_, storing the listed kept arrays in their slots.
+// Forward values from a held array (or the first SNP) up to kept index
+// step.to. A step that reaches a kept SNP writes straight into its slot and the
+// next step reads from there; the others work in f_.
 void Workspace::sweep(Panel const& panel, const std::uint8_t* genotypes, CheckpointPlan::Sweep const& step) {
     int const K = panel.K;
-    std::size_t const n = tri_size(K);
-    double* F = f_.data();
+    std::size_t next = 0;
+    // Where the values of SNP s go: its slot when it is stored, else f_.
+    auto target = [&](int s) -> Kept* {
+        if (next < step.store.size() && kept_snp_[step.store[next]] == s) return &kept_[plan_.slot_of[step.store[next++]]];
+        return nullptr;
+    };
+    auto finish = [&](Kept* k, double total, const double* R) {
+        if (!k) return;
+        std::memcpy(k->R.data(), R, K * sizeof(double));
+        k->total = total;
+        k->rescaled = total < underflow_limit;
+    };
     int r = 0;
-    const double* Fp = F;
-    const double* Rp = rf_[r].data();
+    const double* Fp;
+    const double* Rp;
     double total;
     int s;
-    bool rescaled = false;
     if (step.from < 0) {
         s = 0;
+        Kept* const k = target(0);
+        double* const F = k ? k->F.data() : f_.data();
         total = forward_first(K, panel.h(0), panel.emission[genotypes[0]], F, rf_[r].data());
         ++forward_steps_;
+        finish(k, total, rf_[r].data());
+        if (k) k->rescaled = false;  // the first SNP is never rescaled
+        Fp = F;
     } else {
         Kept const& from = kept_[plan_.slot_of[step.from]];
         s = kept_snp_[step.from];
         Fp = from.F.data();
         Rp = from.R.data();
         total = from.total;
+        std::memcpy(rf_[r].data(), from.R.data(), K * sizeof(double));
     }
-    std::size_t next = 0;
+    Rp = rf_[r].data();
     int const last = kept_snp_[step.to];
-    for (;;) {
-        if (next < step.store.size() && kept_snp_[step.store[next]] == s) {
-            Kept& k = kept_[plan_.slot_of[step.store[next++]]];
-            std::memcpy(k.F.data(), F, n * sizeof(double));
-            std::memcpy(k.R.data(), rf_[r].data(), K * sizeof(double));
-            k.total = total;
-            k.rescaled = rescaled;
-        }
-        if (s == last) break;
+    while (s < last) {
         ++s;
+        Kept* const k = target(s);
+        double* const F = k ? k->F.data() : f_.data();
         total = forward_step(K, panel.stay[s], panel.jump[s], Fp, Rp, total, panel.h(s),
                              panel.emission[genotypes[s]], F, rf_[1 - r].data());
         ++forward_steps_;
-        rescaled = total < underflow_limit;
         r = 1 - r;
+        finish(k, total, rf_[r].data());
         Fp = F;
         Rp = rf_[r].data();
     }
