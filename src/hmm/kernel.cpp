@@ -719,8 +719,8 @@ std::size_t Workspace::bytes(int K, Schedule const& schedule, std::size_t kept_b
     std::size_t const n = tri_size(K), k = static_cast<std::size_t>(K);
     std::size_t const slots =
         std::min<std::size_t>(static_cast<std::size_t>(schedule.n_kept), kept_slots(K, kept_budget));
-    // f, b, g x 2, p; row sums rf x 2, rg x 2, rb, m, scratch (2K).
-    return sizeof(double) * (5 * n + 9 * k + slots * (n + k)) + sizeof(Kept) * slots;
+    // f, b, p; row sums rf x 2, rg x 2, rb, m, scratch (2K).
+    return sizeof(double) * (3 * n + 9 * k + slots * (n + k)) + sizeof(Kept) * slots;
 }
 
 void Workspace::reserve(int K, int slots) {
@@ -729,8 +729,6 @@ void Workspace::reserve(int K, int slots) {
         K_ = K;
         f_.assign(n, 0.0);
         b_.assign(n, 0.0);
-        g_[0].assign(n, 0.0);
-        g_[1].assign(n, 0.0);
         p_.assign(n, 0.0);
         for (int k = 0; k < 2; ++k) {
             rf_[k].assign(K, 0.0);
@@ -835,7 +833,6 @@ void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uin
     for (int s = 0; s < L; ++s)
         if (schedule.keep_slot[s] >= 0) kept_snp_[schedule.keep_slot[s]] = s;
     reserve(K, plan_.slots);
-    std::size_t const n = tri_size(K);
     double* B = b_.data();
     auto ecol = [&](int s) { return panel.emission[genotypes[s]]; };
 
@@ -849,11 +846,9 @@ void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uin
         return kept_[plan_.slot_of[k]];
     };
 
-    // Backward on G = E * B. B_s is formed only where a position needs it or
-    // its rescaling does; it is final once that rescaling (made for the step
-    // to s - 1) is done, so the positions with right flank s are finished
-    // right after the step from s + 1 to s. Row sums of B come with it unless
-    // it was divided afterwards.
+    // Backward in place on B; the positions with right flank s are finished
+    // once B_s is final, that is after its rescaling. Row sums of B are formed
+    // only for positions between SNPs, once per SNP.
     bool b_sums = false;
     double tb = 0.0;
     double* m = sink.wants_haplotypes() ? m_.data() : nullptr;
@@ -876,45 +871,15 @@ void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uin
     auto has_positions = [&](int s) { return schedule.by_right_start[s] < schedule.by_right_start[s + 1]; };
     int lowest = 0;  // no B below the lowest right flank is needed
     while (!has_positions(lowest)) ++lowest;
-    int g = 0, r = 0;
-    std::fill(B, B + n, 1.0);
-    double tg = 0.0;
-    if (L > 1) {
-        tg = weighted(K, B, panel.h(L - 1), ecol(L - 1), g_[g].data(), rg_[r].data());
-        if (tg < underflow_limit) {
-            divide(n, B, tg);
-            divide(static_cast<std::size_t>(K), rg_[r].data(), tg);
-            weighted(K, B, panel.h(L - 1), ecol(L - 1), g_[g].data(), rg_[1 - r].data());
-            tg = 1.0;
-        }
-    }
+    int r = 0;
+    double tg = backward_last(K, panel.h(L - 1), ecol(L - 1), B, rg_[r].data(), L > 1);
     finish(L - 1);
     for (int s = L - 2; s >= lowest; --s) {
-        double const stay = panel.stay[s + 1], jump = panel.jump[s + 1];
-        const double* Gn = g_[g].data();
-        const double* Rg = rg_[r].data();
-        double t = 0.0;
-        bool rescale = false;
-        if (s > 0) {
-            t = gamma_step(K, stay, jump, Gn, Rg, tg, panel.h(s), ecol(s), g_[1 - g].data(), rg_[1 - r].data());
-            rescale = t < underflow_limit;
-        }
-        b_sums = false;
-        if (rescale || has_positions(s)) {
-            tb = backward_from_gamma(K, stay, jump, Gn, Rg, tg, B, rb_.data());
-            b_sums = !rescale;
-        }
-        if (rescale) {
-            divide(n, B, t);
-            divide(static_cast<std::size_t>(K), rg_[1 - r].data(), t);
-            // Rg is spent: its buffer takes the sums that this pass does not need.
-            weighted(K, B, panel.h(s), ecol(s), g_[1 - g].data(), rg_[r].data());
-            t = 1.0;
-        }
-        finish(s);
-        g = 1 - g;
+        tg = backward_step(K, panel.stay[s + 1], panel.jump[s + 1], B, panel.h(s + 1), ecol(s + 1), rg_[r].data(),
+                           tg, panel.h(s), ecol(s), B, rg_[1 - r].data(), s > 0);
         r = 1 - r;
-        tg = t;
+        b_sums = false;
+        finish(s);
     }
 }
 
