@@ -23,8 +23,10 @@
 // fixed in the source.
 #if defined(KETRA_RUNTIME_DISPATCH) && defined(__x86_64__) && !defined(__AVX__)
 #define KETRA_CLONES __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
+#define KETRA_DISPATCHED 1
 #else
 #define KETRA_CLONES
+#define KETRA_DISPATCHED 0
 #endif
 
 namespace hmm_kernel {
@@ -65,16 +67,27 @@ KETRA_INLINE v4 load4(const double* p) { return *reinterpret_cast<const v4u*>(p)
 KETRA_INLINE void store4(double* p, v4 v) { *reinterpret_cast<v4u*>(p) = v; }
 KETRA_INLINE v4 splat(double x) { return v4{x, x, x, x}; }
 
+// A row's transition coefficients and row sum in every lane. Rows make them
+// once, before their loop: the portable build's versions would otherwise
+// rebuild them for every block.
+struct Lanes {
+    v4 aa, ab, bbt, ri;
+    KETRA_INLINE Lanes(Coefficients c, double r) : aa(splat(c.aa)), ab(splat(c.ab)), bbt(splat(c.bbt)), ri(splat(r)) {}
+};
+
 // Emission of the pairs of one row: e0 for columns with allele 0, e1 for
 // allele 1, where e0 = E[h_i][g], e1 = E[h_i + 1][g]. Selected by bit masks,
 // so that E[h_i + h_j][g] comes out exactly and without branches.
 struct RowEmission {
     double e0 = 0.0, e1 = 0.0;
+    v4 s0 = {}, s1 = {};  // e0 and e1 in every lane, made once per row
     RowEmission() = default;
-    RowEmission(const double* h, const double* ecol, int i) {
+    KETRA_INLINE RowEmission(const double* h, const double* ecol, int i) {
         int const hi = static_cast<int>(h[i]);
         e0 = ecol[hi];
         e1 = ecol[hi + 1];
+        s0 = splat(e0);
+        s1 = splat(e1);
     }
     double at(const double* h, int j) const {
         std::uint64_t a, b, hb;
@@ -88,13 +101,15 @@ struct RowEmission {
         return out;
     }
     KETRA_INLINE v4 at4(v4 hj) const {
-#ifdef __AVX__
-        return hj != splat(0.0) ? splat(e1) : splat(e0);  // one compare and one blend
+#if defined(__AVX__) || KETRA_DISPATCHED
+        // One compare and one blend; also the form for the AVX versions of a
+        // portable build (its baseline version then takes a slower route).
+        return hj != v4{} ? s1 : s0;
 #else
         // Without AVX a lane compare would be split into branches; integer
         // lanes instead: 1.0 has bit 61 set, 0.0 has no bit set.
         m4 const mask = (m4{0, 0, 0, 0}) - (((m4)hj >> 61) & 1);
-        return (v4)(((m4)splat(e0) & ~mask) | ((m4)splat(e1) & mask));
+        return (v4)(((m4)s0 & ~mask) | ((m4)s1 & mask));
 #endif
     }
 };
@@ -184,8 +199,12 @@ struct TransitionRow {
     RowEmission e;
     Coefficients c;
     double ri;
+    Lanes k;
+    KETRA_INLINE TransitionRow(const double* X_, double* Y_, const double* RX_, const double* h_, RowEmission e_,
+                               Coefficients c_, double ri_)
+        : X(X_), Y(Y_), RX(RX_), h(h_), e(e_), c(c_), ri(ri_), k(c_, ri_) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 v = ((splat(ri) + load4(RX + j)) * splat(c.ab) + splat(c.bbt)) + splat(c.aa) * load4(X + j);
+        v4 v = ((k.ri + load4(RX + j)) * k.ab + k.bbt) + k.aa * load4(X + j);
         if (Emit) v = v * e.at4(load4(h + j));
         store4(Y + j, v);
         return v;
@@ -207,9 +226,12 @@ struct BackwardRow {  // B = transition of E_{s+1} * Bn; yields E_s * B
     RowEmission en, e;
     Coefficients c;
     double ri;
+    Lanes k;
+    KETRA_INLINE BackwardRow(const double* Bn_, double* B_, const double* Rg_, const double* hn_, const double* h_,
+                             RowEmission en_, RowEmission e_, Coefficients c_, double ri_)
+        : Bn(Bn_), B(B_), Rg(Rg_), hn(hn_), h(h_), en(en_), e(e_), c(c_), ri(ri_), k(c_, ri_) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 const v = ((splat(ri) + load4(Rg + j)) * splat(c.ab) + splat(c.bbt)) +
-                     splat(c.aa) * (load4(Bn + j) * en.at4(load4(hn + j)));
+        v4 const v = ((k.ri + load4(Rg + j)) * k.ab + k.bbt) + k.aa * (load4(Bn + j) * en.at4(load4(hn + j)));
         store4(B + j, v);
         return v * e.at4(load4(h + j));
     }
@@ -240,9 +262,13 @@ struct CarriedProductRow {  // P = (F carried to the position) * (B carried to i
     const double* RB;
     Coefficients cf, cb;
     double fi, bi;
+    Lanes kf, kb;
+    KETRA_INLINE CarriedProductRow(const double* F_, const double* B_, double* P_, const double* RF_,
+                                   const double* RB_, Coefficients cf_, Coefficients cb_, double fi_, double bi_)
+        : F(F_), B(B_), P(P_), RF(RF_), RB(RB_), cf(cf_), cb(cb_), fi(fi_), bi(bi_), kf(cf_, fi_), kb(cb_, bi_) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 const f = ((splat(fi) + load4(RF + j)) * splat(cf.ab) + splat(cf.bbt)) + splat(cf.aa) * load4(F + j);
-        v4 const b = ((splat(bi) + load4(RB + j)) * splat(cb.ab) + splat(cb.bbt)) + splat(cb.aa) * load4(B + j);
+        v4 const f = ((kf.ri + load4(RF + j)) * kf.ab + kf.bbt) + kf.aa * load4(F + j);
+        v4 const b = ((kb.ri + load4(RB + j)) * kb.ab + kb.bbt) + kb.aa * load4(B + j);
         v4 const v = f * b;
         store4(P + j, v);
         return v;
@@ -257,8 +283,10 @@ struct CarriedProductRow {  // P = (F carried to the position) * (B carried to i
 struct DivideRow {  // P = P / by
     double* P;
     double by;
+    v4 by4;
+    KETRA_INLINE DivideRow(double* P_, double by_) : P(P_), by(by_), by4(splat(by_)) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 const v = load4(P + j) / splat(by);
+        v4 const v = load4(P + j) / by4;
         store4(P + j, v);
         return v;
     }
