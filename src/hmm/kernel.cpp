@@ -158,6 +158,63 @@ KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
     return total;
 }
 
+// The same pass for rows that give two arrays at once (block(j, second) and
+// one(j, second)): the first is summed into R and the returned total, the
+// second into R2 and total2, each in the order of sweep.
+template <class MakeRow>
+KETRA_INLINE double sweep_both(int K, double* R, double* R2, double& total2, MakeRow const& make_row) {
+    double total = 0.0;
+    total2 = 0.0;
+    for (int i = 0; i < K; ++i) {
+        auto const row = make_row(i);
+        v4 lo = splat(0.0), hi = splat(0.0), lo2 = splat(0.0), hi2 = splat(0.0);
+        int j = 0;
+        for (; j + 8 <= i; j += 8) {
+            v4 b;
+            v4 const x = row.block(j, b);
+            store4(R + j, load4(R + j) + x);
+            store4(R2 + j, load4(R2 + j) + b);
+            lo += x;
+            lo2 += b;
+            v4 const y = row.block(j + 4, b);
+            store4(R + j + 4, load4(R + j + 4) + y);
+            store4(R2 + j + 4, load4(R2 + j + 4) + b);
+            hi += y;
+            hi2 += b;
+        }
+        if (j + 4 <= i) {
+            v4 b;
+            v4 const x = row.block(j, b);
+            store4(R + j, load4(R + j) + x);
+            store4(R2 + j, load4(R2 + j) + b);
+            lo += x;
+            lo2 += b;
+            j += 4;
+        }
+        double acc[8], acc2[8];
+        std::memcpy(acc, &lo, sizeof lo);
+        std::memcpy(acc + 4, &hi, sizeof hi);
+        std::memcpy(acc2, &lo2, sizeof lo2);
+        std::memcpy(acc2 + 4, &hi2, sizeof hi2);
+        for (; j < i; ++j) {
+            double b;
+            double const x = row.one(j, b);
+            R[j] += x;
+            acc[j & 7] += x;
+            R2[j] += b;
+            acc2[j & 7] += b;
+        }
+        double d2;
+        double const off = reduce8(acc), off2 = reduce8(acc2);
+        double const d = row.one(i, d2);
+        R[i] = off + d;
+        total += 2.0 * off + d;
+        R2[i] = off2 + d2;
+        total2 += 2.0 * off2 + d2;
+    }
+    return total;
+}
+
 KETRA_CLONES void divide(std::size_t n, double* __restrict x, double by) {
     for (std::size_t k = 0; k < n; ++k) x[k] /= by;
 }
@@ -238,6 +295,19 @@ struct BackwardRow {  // B = transition of E_{s+1} * Bn; yields E_s * B
     double one(int j) const {
         double const v = step_value(ri, Rg[j], Bn[j] * en.at(hn, j), c);
         B[j] = v;
+        return v * e.at(h, j);
+    }
+    // The same, also giving the value of B itself.
+    KETRA_INLINE v4 block(int j, v4& b) const {
+        v4 const v = ((k.ri + load4(Rg + j)) * k.ab + k.bbt) + k.aa * (load4(Bn + j) * en.at4(load4(hn + j)));
+        store4(B + j, v);
+        b = v;
+        return v * e.at4(load4(h + j));
+    }
+    double one(int j, double& b) const {
+        double const v = step_value(ri, Rg[j], Bn[j] * en.at(hn, j), c);
+        B[j] = v;
+        b = v;
         return v * e.at(h, j);
     }
 };
@@ -364,22 +434,41 @@ double backward_last(int K, const double* h, const double* ecol, double* B, doub
     return total;
 }
 
-KETRA_CLONES double backward_step(int K, double stay, double jump, const double* Bn, const double* hn, const double* ecoln,
-                     const double* Rg, double Tg, const double* h, const double* ecol, double* B, double* Rg_out,
-                     bool want_gamma) {
+namespace {
+
+// backward_step; with RB, also B_s's row sums (as row_sums gives them) and its
+// total in TB, valid unless the step rescaled B (then rescaled is set).
+KETRA_CLONES double backward_step_sums(int K, double stay, double jump, const double* Bn, const double* hn,
+                                       const double* ecoln, const double* Rg, double Tg, const double* h,
+                                       const double* ecol, double* B, double* Rg_out, bool want_gamma, double* RB,
+                                       double& TB, bool& rescaled) {
     Coefficients const c = coefficients(stay, jump, Tg);
-    // At the first SNP the sums are not needed; they land in Rg_out unused.
-    double total = sweep(K, Rg_out, [&](int i) {
+    auto const row = [&](int i) {
         std::size_t const o = tri_offset(i);
         return BackwardRow{Bn + o, B + o, Rg, hn, h, RowEmission(hn, ecoln, i), RowEmission(h, ecol, i), c, Rg[i]};
-    });
+    };
+    // At the first SNP the sums are not needed; they land in Rg_out unused.
+    double total = RB ? sweep_both(K, Rg_out, RB, TB, row) : sweep(K, Rg_out, row);
+    rescaled = false;
     if (!want_gamma) return 0.0;
     if (total < underflow_limit) {
         divide(tri_size(K), B, total);
         divide(static_cast<std::size_t>(K), Rg_out, total);
         total = 1.0;
+        rescaled = true;
     }
     return total;
+}
+
+}  // namespace
+
+double backward_step(int K, double stay, double jump, const double* Bn, const double* hn, const double* ecoln,
+                     const double* Rg, double Tg, const double* h, const double* ecol, double* B, double* Rg_out,
+                     bool want_gamma) {
+    double unused_total;
+    bool unused_rescaled;
+    return backward_step_sums(K, stay, jump, Bn, hn, ecoln, Rg, Tg, h, ecol, B, Rg_out, want_gamma, nullptr,
+                              unused_total, unused_rescaled);
 }
 
 KETRA_CLONES double gamma_step(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg,
@@ -855,6 +944,9 @@ void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uin
             previous = schedule.flanks[*it].left;
         }
     }
+    carried_.assign(L, false);
+    for (Flank const& f : schedule.flanks)
+        if (f.left_distance != 0.0 && f.right_distance != 0.0) carried_[f.right] = true;
     int const slots = descending ? std::min(schedule.n_kept, kept_slots(K, kept_budget_)) : schedule.n_kept;
     plan_ = plan_checkpoints(schedule.n_kept, slots);
     kept_snp_.assign(schedule.n_kept, 0);
@@ -903,10 +995,14 @@ void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uin
     double tg = backward_last(K, panel.h(L - 1), ecol(L - 1), B, rg_[r].data(), L > 1);
     finish(L - 1);
     for (int s = L - 2; s >= lowest; --s) {
-        tg = backward_step(K, panel.stay[s + 1], panel.jump[s + 1], B, panel.h(s + 1), ecol(s + 1), rg_[r].data(),
-                           tg, panel.h(s), ecol(s), B, rg_[1 - r].data(), s > 0);
+        // B's row sums come with the step where a position between SNPs needs them.
+        bool const sums = carried_[s];
+        bool rescaled;
+        tg = backward_step_sums(K, panel.stay[s + 1], panel.jump[s + 1], B, panel.h(s + 1), ecol(s + 1),
+                                rg_[r].data(), tg, panel.h(s), ecol(s), B, rg_[1 - r].data(), s > 0,
+                                sums ? rb_.data() : nullptr, tb, rescaled);
         r = 1 - r;
-        b_sums = false;
+        b_sums = sums && !rescaled;
         finish(s);
     }
 }

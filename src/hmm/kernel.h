@@ -263,6 +263,7 @@ private:
     CheckpointPlan plan_;
     std::vector<int> kept_snp_;  // kept index -> SNP
     std::vector<int> visit_;     // positions in the order they are finished
+    std::vector<bool> carried_;  // per SNP: right flank of a position between SNPs
     std::vector<double> b_, rg_[2];  // backward values (updated in place), row sums of E * B
     std::vector<double> rb_;         // row sums of B where known
     std::vector<double> p_, m_, scratch_;
