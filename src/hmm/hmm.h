@@ -35,6 +35,11 @@ public:
         data::operator=(loaded);
         return *this;
     }
+    // The driver hands over the freshly loaded store: its tables are moved, not copied.
+    HMM& operator=(data&& loaded) {
+        data::operator=(std::move(loaded));
+        return *this;
+    }
 
     // Full-storage passes: fill forward_probs / backward_probs of every SNP.
     void forward(int const& individual);
