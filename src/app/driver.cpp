@@ -4,11 +4,16 @@
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
+#include <new>
+#include <system_error>
 #include <map>
 #include <sstream>
 #include <string>
 
+#include <boost/filesystem/exception.hpp>
+
 #include "data/data.h"
+#include "io/output_file.h"
 #include "hmm/hmm.h"
 #include "numlib/generator.h"
 #include "params/parameters.h"
@@ -27,9 +32,10 @@ void print_banner() {
     std::cout << std::endl;
 }
 
-}  // namespace
-
-int run_ketra(int argc, char** argv) {
+// The stages of one run. Under -strict every failure returns a non-zero
+// status; `stage` names what the run was doing, for failures the stages do
+// not catch themselves.
+int run_stages(int argc, char** argv, char const*& stage) {
     HMM run;
     LSMatrixParameters parameters;
     std::map<double, std::string> tree_map;
@@ -41,6 +47,7 @@ int run_ketra(int argc, char** argv) {
 
     print_banner();
 
+    stage = "processing the command line and creating the output directory";
     try {
         parameters.process_parameters(argc, argv);
         std::ostringstream summary;
@@ -51,13 +58,16 @@ int run_ketra(int argc, char** argv) {
         static_cast<Parameters&>(parameters).parameters_help(help);
         std::cout << help.str();
         return 0;
-    } catch (MissingFlagException const& e) {
+    } catch (FlagException const& e) {  // missing flags; unknown flags and bad values under -strict
         std::cout << e.message << std::endl;
         return 1;
     }
+    bool const strict = parameters.strict;
+    output_file::set_whole_files_only(strict);
 
     setall(seed1, seed2);
 
+    stage = "reading the tree map file";
     try {
         read_tree_map_file(parameters, tree_map);
     } catch (badfilename const& e) {
@@ -65,17 +75,25 @@ int run_ketra(int argc, char** argv) {
         return 1;
     }
 
+    // Bad data and bad trees end with status 0 by default; a pipeline asks for -strict.
+    int const data_failure = strict ? 1 : 0;
     try {
         parameters.aux_filename = parameters.output_file.string() + ".aux";
+        stage = "reading the input data";
         run = data(parameters);
+        stage = "writing the SNP information file";
         if (parameters.seen("-snp_info")) run.output_snp_info();
+        stage = "computing and writing the matrix";
         run.print_matrix(tree_map, parameters);
     } catch (BadTreeDataException const& e) {
         std::cout << e.what() << std::endl << "Program terminated" << std::endl;
-        return 0;
+        return data_failure;
     } catch (badfilename const& e) {
         std::cout << e.what() << std::endl << "Program terminated" << std::endl;
-        return 0;
+        return data_failure;
+    } catch (write_error const& e) {
+        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
+        return 1;
     }
 
     time_t const end = time(nullptr);
@@ -86,4 +104,40 @@ int run_ketra(int argc, char** argv) {
               << "Ketra complete! Please run Ovrin once you have ran Ketra on all your case and control genotype data."
               << std::endl;
     return 0;
+}
+
+// -strict is a flag by whole-string equality wherever it stands, as the
+// parameters read it; known here before they are parsed, because it decides
+// whether failures the stages do not catch are caught at all.
+bool asks_for_strict(int argc, char** argv) {
+    for (int i = 0; i < argc; ++i)
+        if (std::string(argv[i]) == "-strict") return true;
+    return false;
+}
+
+int report_failure(char const* stage, std::string const& what) {
+    std::cout << std::endl << "Error while " << stage << ": " << what << std::endl << "Program terminated" << std::endl;
+    return 1;
+}
+
+}  // namespace
+
+int run_ketra(int argc, char** argv) {
+    char const* stage = "starting";
+    // By default failures nobody handles (out of memory, file-system errors)
+    // keep the runtime's own termination.
+    if (!asks_for_strict(argc, argv)) return run_stages(argc, argv, stage);
+    try {
+        return run_stages(argc, argv, stage);
+    } catch (std::bad_alloc const&) {
+        return report_failure(stage, "out of memory");
+    } catch (boost::filesystem::filesystem_error const& e) {
+        return report_failure(stage, std::string("file system error: ") + e.what());
+    } catch (std::system_error const& e) {
+        return report_failure(stage, std::string("system error (could not start a thread?): ") + e.what());
+    } catch (std::exception const& e) {
+        return report_failure(stage, e.what());
+    } catch (...) {
+        return report_failure(stage, "unexpected failure");
+    }
 }
