@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake g++ make libboost-iostreams-dev libboost-filesystem-dev
-          libboost-system-dev zlib1g-dev libgtest-dev)
+          libboost-system-dev zlib1g-dev libgtest-dev
+          clang libclang-rt-dev)  # clang and its runtime libraries: the libFuzzer targets
 
 missing=()
 for p in "${packages[@]}"; do
