@@ -215,3 +215,45 @@ TEST(Strict, KilledRunsLeaveNoPartFileUnderAFinalName) {
     }
     EXPECT_GT(partial_runs, 0) << "no run was stopped before its end";
 }
+
+// Out of memory: the runtime's termination by default, one line under -strict.
+// Address space limits and AddressSanitizer's shadow memory do not mix.
+TEST(Strict, OutOfMemoryIsOneClearLine) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "address space limit under AddressSanitizer";
+#endif
+    TempDir dir;
+    // K = 6000: one pair array alone is 6000 * 6001 / 2 doubles, 144 MB.
+    int const K = 6000;
+    std::mt19937 rng(3);
+    std::string legend = "id position a0 a1\n", hap, gen;
+    for (int i = 0; i < 4; ++i) {
+        std::string const pos = std::to_string(1000 + 100 * i);
+        legend += "rs" + std::to_string(i) + " " + pos + " A G\n";
+        gen += "S" + std::to_string(i) + " rs" + std::to_string(i) + " " + pos + " A G 0.9 0.05 0.05\n";
+        for (int k = 0; k < K; ++k) hap += k + 1 < K ? (rng() % 2 ? "1 " : "0 ") : (rng() % 2 ? "1\n" : "0\n");
+    }
+    write_file(dir.file("ref.legend"), legend);
+    write_file(dir.file("ref.hap"), hap);
+    write_file(dir.file("study.gen"), gen);
+    write_file(dir.file("map.txt"), "pos rate cM\n900 1 0\n3000 1 0.01\n");
+    write_file(dir.file("trees.txt"), "1250 0;4;1 2,3 4,5 6;\n");
+    std::string const command = "cd " + dir.path().string() + " && ulimit -v 120000 && " + KETRA_BINARY +
+                                " -h ref.hap -l ref.legend -m map.txt -g study.gen -tree_file trees.txt"
+                                " -int 900 2000 -buffer 0 -o out/run";
+    for (bool strict : {false, true}) {
+        std::string const run = command + (strict ? " -strict" : "") + " >out.txt 2>err.txt";
+        int const raw = std::system(run.c_str());
+        std::string const out = read_file(dir.file("out.txt")), err = read_file(dir.file("err.txt"));
+        EXPECT_EQ(out.find(completed), std::string::npos) << out;
+        if (strict) {
+            EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 1) << raw;
+            EXPECT_NE(out.find("\nError while "), std::string::npos) << out;
+            EXPECT_NE(out.find(": out of memory\nProgram terminated\n"), std::string::npos) << out;
+            EXPECT_EQ(err, "");
+        } else {
+            EXPECT_NE(raw, 0);
+            EXPECT_NE(err.find("std::bad_alloc"), std::string::npos) << err;
+        }
+    }
+}
