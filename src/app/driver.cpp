@@ -1,9 +1,11 @@
 #include "app/driver.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
+#include <exception>
 #include <new>
 #include <system_error>
 #include <map>
@@ -32,10 +34,11 @@ void print_banner() {
     std::cout << std::endl;
 }
 
-// The stages of one run. Under -strict every failure returns a non-zero
-// status; `stage` names what the run was doing, for failures the stages do
-// not catch themselves.
-int run_stages(int argc, char** argv, char const*& stage) {
+// What the run is doing, for the message of a failure that no stage catches.
+std::atomic<char const*> stage{"starting"};
+
+// The stages of one run. Under -strict every failure returns a non-zero status.
+int run_stages(int argc, char** argv) {
     HMM run;
     LSMatrixParameters parameters;
     std::map<double, std::string> tree_map;
@@ -115,29 +118,50 @@ bool asks_for_strict(int argc, char** argv) {
     return false;
 }
 
-int report_failure(char const* stage, std::string const& what) {
-    std::cout << std::endl << "Error while " << stage << ": " << what << std::endl << "Program terminated" << std::endl;
+// One line for a failure that no stage handles: what failed and where.
+// Called inside a handler of the failure (or from terminate with it current);
+// it allocates nothing, as memory may be what ran out.
+int report_failure() {
+    char const* kind = "";
+    char const* what = "unexpected failure";
+    try {
+        if (std::current_exception()) throw;
+    } catch (std::bad_alloc const&) {
+        what = "out of memory";
+    } catch (boost::filesystem::filesystem_error const& e) {
+        kind = "file system error: ";
+        what = e.what();
+    } catch (std::system_error const& e) {
+        kind = "system error (a thread could not be started?): ";
+        what = e.what();
+    } catch (std::exception const& e) {
+        what = e.what();
+    } catch (...) {
+    }
+    std::cout << "\nError while " << stage.load() << ": " << kind << what << "\nProgram terminated" << std::endl;
     return 1;
+}
+
+// A failure inside a worker thread ends the process through terminate; under
+// -strict that too is one line and status 1.
+[[noreturn]] void strict_terminate() {
+    try {
+        report_failure();
+    } catch (...) {
+    }
+    std::_Exit(1);
 }
 
 }  // namespace
 
 int run_ketra(int argc, char** argv) {
-    char const* stage = "starting";
     // By default failures nobody handles (out of memory, file-system errors)
     // keep the runtime's own termination.
-    if (!asks_for_strict(argc, argv)) return run_stages(argc, argv, stage);
+    if (!asks_for_strict(argc, argv)) return run_stages(argc, argv);
+    std::set_terminate(strict_terminate);
     try {
-        return run_stages(argc, argv, stage);
-    } catch (std::bad_alloc const&) {
-        return report_failure(stage, "out of memory");
-    } catch (boost::filesystem::filesystem_error const& e) {
-        return report_failure(stage, std::string("file system error: ") + e.what());
-    } catch (std::system_error const& e) {
-        return report_failure(stage, std::string("system error (could not start a thread?): ") + e.what());
-    } catch (std::exception const& e) {
-        return report_failure(stage, e.what());
+        return run_stages(argc, argv);
     } catch (...) {
-        return report_failure(stage, "unexpected failure");
+        return report_failure();
     }
 }

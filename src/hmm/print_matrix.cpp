@@ -17,6 +17,7 @@
 
 #include "app/progress.h"
 #include "hmm/hmm.h"
+#include "hmm/workers.h"
 #include "hmm/writers.h"
 
 namespace {
@@ -236,11 +237,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
         }
     };
 
-    int const threads = std::max(1, std::min(parameters.threads, N));
-    std::vector<std::thread> pool;
-    for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
-    worker();
-    for (auto& t : pool) t.join();
+    run_workers(std::max(1, std::min(parameters.threads, N)), worker);
 
     print_matrix_private(positions, parameters.output_file, detail, details);
     if (tavlo) output_pardo(positions);

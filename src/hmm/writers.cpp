@@ -8,6 +8,7 @@
 
 #include "io/text_stream.h"
 #include "hmm/hmm.h"
+#include "hmm/workers.h"
 #include "io/number_text.h"
 #include "hmm/writers.h"
 
@@ -113,11 +114,7 @@ void HMM::output_pardo(std::map<double, matrix_data>& positions) {
     auto worker = [&] {
         for (std::size_t i; (i = next.fetch_add(1)) < files.size();) write_pardo_file(files[i].first, *files[i].second);
     };
-    int const threads = std::max(1, std::min<int>(parameters.threads, static_cast<int>(files.size())));
-    std::vector<std::thread> pool;
-    for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
-    worker();
-    for (auto& t : pool) t.join();
+    run_workers(std::max(1, std::min<int>(parameters.threads, static_cast<int>(files.size()))), worker);
 }
 
 void append_full_matrix_block(std::string& out, double const* pair_posterior, int K) {
