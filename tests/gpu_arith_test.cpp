@@ -1,6 +1,8 @@
 // The GPU engine's arithmetic, run on the CPU by teams of one and of three
 // threads, against the CPU kernel's vectorised functions: every value must
-// match bit for bit, the row sums and totals included.
+// match bit for bit, the row sums and totals included. Where a device is
+// present, the engine's batches are held to the same standard; elsewhere,
+// -gpu must stop the run with its cause.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,8 +16,10 @@
 #include <vector>
 
 #include "hmm/gpu_arith.h"
+#include "hmm/gpu_engine.h"
 #include "hmm/gpu_plan.h"
 #include "hmm/kernel.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -376,6 +380,72 @@ TEST(GpuArith, PlanRejectsLayoutsThatDoNotFit) {
     EXPECT_THROW(hmm_gpu::HostPlan(run.panel, run.schedule, outputs), std::invalid_argument);
     run.marked.push_back({99});
     EXPECT_THROW(hmm_gpu::HostPlan(run.panel, run.schedule, outputs), std::invalid_argument);
+}
+
+// ---- The engine on a device -----------------------------------------------------
+
+TEST(GpuEngine, WithoutADeviceGpuRunsStopWithTheCause) {
+    std::string const why = hmm_gpu::unavailable_reason();
+    if (why.empty()) GTEST_SKIP() << "a usable GPU is present";
+    std::mt19937_64 rng(3);
+    RunData const run = make_run(4, 5, 1, 1.0, rng);
+    EXPECT_THROW(hmm_gpu::Engine(run.panel, run.schedule, hmm_gpu::Outputs{}), hmm_gpu::gpu_error);
+
+    // Stopped before any input is read: these files do not exist.
+    ketra_test::TempDir dir;
+    auto const r = ketra_test::run_ketra({"-h", "a.hap", "-l", "a.legend", "-m", "a.map", "-tree_file", "t.txt", "-g",
+                                          "g.gen", "-o", "run", "-int", "100", "200", "-gpu"},
+                                         dir.path().string());
+    EXPECT_EQ(r.status, 1);
+    std::string const tail = "Cannot run with -gpu: " + why + "\nProgram terminated\n";
+    ASSERT_GE(r.out.size(), tail.size()) << r.out;
+    EXPECT_EQ(r.out.substr(r.out.size() - tail.size()), tail);
+    EXPECT_EQ(r.out.find("reading"), std::string::npos) << r.out;
+    EXPECT_TRUE(r.err.empty()) << r.err;
+}
+
+TEST(GpuEngine, BatchesMatchTheCpuPipeline) {
+    std::string const why = hmm_gpu::unavailable_reason();
+    if (!why.empty()) GTEST_SKIP() << why;
+    struct Case {
+        int K, L, N;
+        double scale;
+        bool force_global, pair_posteriors;
+    };
+    Case const cases[] = {
+        {1, 5, 3, 1.0, false, true},     {13, 50, 40, 1e-30, false, true}, {13, 50, 40, 1e-30, true, true},
+        {37, 80, 700, 1.0, false, false}, {200, 120, 300, 1e-20, false, false}, {200, 40, 20, 1.0, true, true},
+        {300, 30, 6, 1e-40, false, false},  // too large for shared memory
+    };
+    std::mt19937_64 rng(17);
+    for (Case const& c : cases) {
+        SCOPED_TRACE("K=" + std::to_string(c.K) + " N=" + std::to_string(c.N) +
+                     (c.force_global ? " global" : ""));
+        RunData const run = make_run(c.K, c.L, c.N, c.scale, rng);
+        hmm_gpu::Outputs outputs;
+        outputs.layouts = &run.layouts;
+        outputs.marked = &run.marked;
+        outputs.pair_posteriors = c.pair_posteriors;
+        hmm_gpu::HostPlan const plan(run.panel, run.schedule, outputs);
+        hmm_gpu::Engine engine(run.panel, run.schedule, outputs, c.force_global);
+        EXPECT_EQ(engine.shared_memory_kernel(), !c.force_global && c.K <= 200);
+        std::vector<int> order(c.N);
+        for (int k = 0; k < c.N; ++k) order[k] = c.N - 1 - k;  // any order, handed back as given
+        std::size_t const P = static_cast<std::size_t>(plan.n_positions());
+        std::size_t next = 0;
+        engine.run(order, [&](hmm_gpu::IndividualResult const& r) {
+            ASSERT_LT(next, order.size());
+            ASSERT_EQ(r.individual, order[next++]);
+            Expected const e = cpu_results(run, plan, r.individual);
+            EXPECT_TRUE(same_bits(e.m, Vec(r.haplotype_probs, r.haplotype_probs + P * c.K)));
+            EXPECT_TRUE(same_bits(e.branches, Vec(r.branches, r.branches + plan.branch_offset(P))));
+            if (c.pair_posteriors)
+                EXPECT_TRUE(same_bits(e.P, Vec(r.pair_posteriors, r.pair_posteriors + P * tri_size(c.K))));
+            else
+                EXPECT_EQ(r.pair_posteriors, nullptr);
+        });
+        EXPECT_EQ(next, order.size());
+    }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "data/data.h"
+#include "hmm/gpu_engine.h"
 #include "hmm/hmm.h"
 #include "numlib/generator.h"
 #include "params/parameters.h"
@@ -54,6 +55,16 @@ int run_ketra(int argc, char** argv) {
     } catch (MissingFlagException const& e) {
         std::cout << e.message << std::endl;
         return 1;
+    }
+
+    // Before any input is read: a run that asked for the GPU and cannot have
+    // it stops here rather than quietly taking hours on the CPU.
+    if (parameters.gpu) {
+        std::string const why = hmm_gpu::unavailable_reason();
+        if (!why.empty()) {
+            std::cout << "Cannot run with -gpu: " << why << std::endl << "Program terminated" << std::endl;
+            return 1;
+        }
     }
 
     setall(seed1, seed2);
