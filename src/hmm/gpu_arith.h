@@ -412,7 +412,8 @@ KETRA_HD void run_individual(Team const& team, Plan const& plan, const std::uint
     // is formed afterwards from the copy of the previous G made for that case.
     double* G = w.pairs;
     double* B = w.B;
-    double* Rg[2] = {w.R0, w.R1};
+    double* rg = w.R0;      // row sums of the current G
+    double* rg_out = w.R1;  // those of the next
     auto finish = [&](int s) {
         for (int k = plan.by_right_start[s]; k < plan.by_right_start[s + 1]; ++k) {
             int const p = plan.by_right[k];
@@ -433,14 +434,13 @@ KETRA_HD void run_individual(Team const& team, Plan const& plan, const std::uint
         const double* es = ecol(s);
         for_each_entry(team, K, [&](int i, int j, std::size_t o) { G[o + j] = B[o + j] * emission(hs, es, i, j); });
     };
-    int r = 0;
     fill(team, n, B, 1.0);
     double tg = 0.0;
     if (L > 1) {
-        tg = sweep(team, K, WeightedRow{B, G, h(L - 1), ecol(L - 1)}, G, Rg[r], w.work);
+        tg = sweep(team, K, WeightedRow{B, G, h(L - 1), ecol(L - 1)}, G, rg, w.work);
         if (tg < underflow_limit) {
             divide(team, n, B, tg);
-            divide(team, static_cast<std::size_t>(K), Rg[r], tg);
+            divide(team, static_cast<std::size_t>(K), rg, tg);
             reweigh(L - 1);
             tg = 1.0;
         }
@@ -448,8 +448,6 @@ KETRA_HD void run_individual(Team const& team, Plan const& plan, const std::uint
     finish(L - 1);
     for (int s = L - 2; s >= 0; --s) {
         Coefficients const c = coefficients(plan.stay[s + 1], plan.jump[s + 1], tg);
-        const double* rg = Rg[r];
-        double* rg_out = Rg[1 - r];
         bool const need_b = has_positions(s);
         double t = 0.0;
         bool rescale = false;
@@ -480,7 +478,9 @@ KETRA_HD void run_individual(Team const& team, Plan const& plan, const std::uint
             t = 1.0;
         }
         finish(s);
-        r = 1 - r;
+        double* const spent = rg;
+        rg = rg_out;
+        rg_out = spent;
         tg = t;
     }
 }

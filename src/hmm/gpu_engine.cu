@@ -42,9 +42,14 @@ struct BlockTeam {
 
 extern __shared__ double on_chip[];
 
+// Threads per block: the shared-memory kernel holds at most a few hundred
+// haplotypes, and fewer threads leave each more registers.
+constexpr int max_threads_shared = 256;
+constexpr int max_threads_global = 512;
+
 // w and out are individual 0's buffers; individual b's lie b strides further.
 template <bool kShared>
-__global__ void __launch_bounds__(1024)
+__global__ void __launch_bounds__(kShared ? max_threads_shared : max_threads_global)
     individuals_kernel(gpu_arith::Plan plan, const std::uint8_t* genotypes, gpu_arith::Work w, std::size_t work_stride,
                        gpu_arith::Output out, std::size_t result_stride) {
     std::size_t const b = blockIdx.x;
@@ -163,11 +168,11 @@ struct Engine::Impl {
         device_plan = plan.bind(at);
 
         int const K = plan.K();
-        threads = std::min(1024, std::max(32, (K + 31) / 32 * 32));
         int optin = 0;
         check(cudaDeviceGetAttribute(&optin, cudaDevAttrMaxSharedMemoryPerBlockOptin, 0), "querying shared memory");
         shared_bytes = plan.shared_doubles() * sizeof(double);
         shared = !force_global && shared_bytes <= static_cast<std::size_t>(optin);
+        threads = std::min(shared ? max_threads_shared : max_threads_global, std::max(32, (K + 31) / 32 * 32));
         if (shared)
             check(cudaFuncSetAttribute(individuals_kernel<true>, cudaFuncAttributeMaxDynamicSharedMemorySize,
                                        static_cast<int>(shared_bytes)),
