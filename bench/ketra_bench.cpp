@@ -4,6 +4,7 @@
 //   ketra_bench [--K n] [--L n] [--N n] [--positions n] [--seed n]
 //               [--threads "1 2"] [--dir path] [--ketra path/to/ketra]
 //               [--baseline n]   (individuals timed with the straightforward engine; 0 = skip)
+//               [--inputs-only 1] (write the data set, print the ketra arguments for it, stop)
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -102,6 +103,7 @@ int main(int argc, char** argv) {
     std::string dir = "bench-data";
     std::string ketra = "./ketra";
     int baseline_individuals = 10;
+    bool inputs_only = false;
     for (int i = 1; i + 1 < argc; i += 2) {
         std::string const flag = argv[i], value = argv[i + 1];
         if (flag == "--K") sizes.haplotypes = std::atoi(value.c_str());
@@ -113,6 +115,7 @@ int main(int argc, char** argv) {
         else if (flag == "--dir") dir = value;
         else if (flag == "--ketra") ketra = value;
         else if (flag == "--baseline") baseline_individuals = std::atoi(value.c_str());
+        else if (flag == "--inputs-only") inputs_only = value != "0";
         else {
             std::cout << "unknown option " << flag << "\n";
             return 2;
@@ -120,6 +123,10 @@ int main(int argc, char** argv) {
     }
     boost::filesystem::create_directories(dir);
     std::string const args = write_bench_inputs(sizes, dir);
+    if (inputs_only) {
+        std::printf("%s\n", args.c_str());
+        return 0;
+    }
     int const K = sizes.haplotypes;
     double const updates = 2.0 * sizes.individuals * sizes.snps * (K * (K + 1.0) / 2.0);
 
