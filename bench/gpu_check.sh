@@ -89,6 +89,9 @@ bench() {
     same "$dir" cpu-whole "cpu-whole-t$jobs"
 }
 bench 200 2000 500 201
+echo "== engines alone (passes and 200 posteriors per individual), K=200 L=2000 N=500"
+build-cuda/bench/ketra_bench --K 200 --L 2000 --N 500 --positions 201 --dir "$work/engine" --ketra "$ketra" \
+    --threads 1 --baseline 0 --gpu 1
 # Too large for shared memory: the global-memory kernel.
 bench 2000 200 12 21
 echo "all outputs identical"
