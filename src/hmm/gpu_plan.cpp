@@ -8,15 +8,16 @@ namespace hmm_gpu {
 using gpu_arith::tri_size;
 
 HostPlan::HostPlan(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule, Outputs const& outputs)
-    : K_(panel.K), L_(panel.L), n_kept_(schedule.n_kept), pair_posteriors_(outputs.pair_posteriors) {
+    : K_(panel.K), L_(panel.L), n_kept_(schedule.n_kept), pair_posteriors_(outputs.pair_posteriors), panel_(panel) {
     if (schedule.L != L_) throw std::invalid_argument("schedule does not match the panel");
+    std::size_t const L = static_cast<std::size_t>(L_);
+    if (panel.alleles.size() != L * K_ || panel.stay.size() != L || panel.jump.size() != L ||
+        panel.genotypes.size() != L * panel.N)
+        throw std::invalid_argument("panel arrays do not match its sizes");
     std::size_t const P = schedule.flanks.size();
     bool const branches = outputs.layouts && !outputs.layouts->empty();
     if (branches && (outputs.layouts->size() != P || !outputs.marked || outputs.marked->size() != P))
         throw std::invalid_argument("branch layouts do not match the positions");
-    alleles_ = panel.alleles;
-    stay_ = panel.stay;
-    jump_ = panel.jump;
     for (int g = 0; g < 4; ++g)
         for (int a = 0; a < 3; ++a) emission_.push_back(panel.emission[g][a]);
     keep_slot_ = schedule.keep_slot;
@@ -87,7 +88,7 @@ std::size_t HostPlan::result_doubles() const {
 }
 
 HostPlan::Arrays HostPlan::arrays() const {
-    return {{&alleles_, &stay_, &jump_, &emission_}, {&keep_slot_, &by_right_start_, &by_right_, &tree_ints_},
+    return {{&panel_.alleles, &panel_.stay, &panel_.jump, &emission_}, {&keep_slot_, &by_right_start_, &by_right_, &tree_ints_},
             &positions_};
 }
 
@@ -120,7 +121,7 @@ gpu_arith::Plan HostPlan::bind(Addresses const& at) const {
 
 gpu_arith::Plan HostPlan::bind_host(std::vector<gpu_arith::TreeView>& views) const {
     views = tree_views(tree_ints_.data());
-    return bind({{alleles_.data(), stay_.data(), jump_.data(), emission_.data()},
+    return bind({{panel_.alleles.data(), panel_.stay.data(), panel_.jump.data(), emission_.data()},
                  {keep_slot_.data(), by_right_start_.data(), by_right_.data(), tree_ints_.data()},
                  positions_.data(),
                  views.data()});

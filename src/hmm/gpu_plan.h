@@ -26,7 +26,7 @@ struct Outputs {
 class HostPlan {
 public:
     // Every exp of the posterior's distance step is taken here, by the CPU
-    // kernel's code. Throws std::invalid_argument when the schedule, layouts
+    // kernel's code. The panel must outlive the plan. Throws std::invalid_argument when the schedule, layouts
     // or marked nodes do not fit the panel.
     HostPlan(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule, Outputs const& outputs);
 
@@ -79,7 +79,8 @@ public:
 private:
     int K_, L_, n_kept_, max_nodes_ = 0;
     bool pair_posteriors_;
-    std::vector<double> alleles_, stay_, jump_, emission_;
+    hmm_kernel::Panel const& panel_;
+    std::vector<double> emission_;
     std::vector<int> keep_slot_, by_right_start_, by_right_, tree_ints_;
     std::vector<gpu_arith::PositionPlan> positions_;
     struct TreeAt {
