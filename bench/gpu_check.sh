@@ -33,7 +33,7 @@ run() {
     start=$(date +%s.%N)
     (cd "$dir" && "$ketra" "$@" -o "$name/run" >"$name.log")
     end=$(date +%s.%N)
-    printf "%-28s %9.2f s\n" "$name" "$(echo "$end - $start" | bc)"
+    awk -v n="$name" -v a="$start" -v b="$end" 'BEGIN { printf "%-28s %9.2f s\n", n, b - a }'
 }
 
 # same DIR A B: every file of run A equals run B's; the .aux files apart from
