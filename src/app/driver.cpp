@@ -16,6 +16,7 @@
 
 #include "data/data.h"
 #include "io/output_file.h"
+#include "hmm/gpu_engine.h"
 #include "hmm/hmm.h"
 #include "numlib/generator.h"
 #include "params/parameters.h"
@@ -67,6 +68,16 @@ int run_stages(int argc, char** argv) {
     }
     bool const strict = parameters.strict;
     output_file::set_whole_files_only(strict);
+
+    // Before any input is read: a run that asked for the GPU and cannot have
+    // it stops here rather than quietly taking hours on the CPU.
+    if (parameters.gpu) {
+        std::string const why = hmm_gpu::unavailable_reason();
+        if (!why.empty()) {
+            std::cout << "Cannot run with -gpu: " << why << std::endl << "Program terminated" << std::endl;
+            return 1;
+        }
+    }
 
     setall(seed1, seed2);
 
