@@ -27,9 +27,21 @@ void print_banner() {
     std::cout << std::endl;
 }
 
+bool asks_for_version(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::string(argv[i]) == "-version") return true;
+    return false;
+}
+
 }  // namespace
 
 int run_ketra(int argc, char** argv) {
+    // Answered before anything else so that scripts can read it without a banner.
+    if (asks_for_version(argc, argv)) {
+        std::cout << "Ketra " << KETRA_VERSION << std::endl;
+        return 0;
+    }
+
     HMM run;
     LSMatrixParameters parameters;
     std::map<double, std::string> tree_map;
