@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake g++ make libboost-iostreams-dev libboost-filesystem-dev
-          libboost-system-dev zlib1g-dev libgtest-dev)
+          libboost-system-dev zlib1g-dev libgtest-dev
+          bcftools plink2 python3-matplotlib python3-numpy)
 
 missing=()
 for p in "${packages[@]}"; do
