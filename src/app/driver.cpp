@@ -163,9 +163,20 @@ int report_failure() {
     std::_Exit(1);
 }
 
+bool asks_for_version(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::string(argv[i]) == "-version") return true;
+    return false;
+}
+
 }  // namespace
 
 int run_ketra(int argc, char** argv) {
+    // Answered before anything else so that scripts can read it without a banner.
+    if (asks_for_version(argc, argv)) {
+        std::cout << "Ketra " << KETRA_VERSION << std::endl;
+        return 0;
+    }
     // By default failures nobody handles (out of memory, file-system errors)
     // keep the runtime's own termination.
     if (!asks_for_strict(argc, argv)) return run_stages(argc, argv);
