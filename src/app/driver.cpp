@@ -9,7 +9,9 @@
 #include <string>
 
 #include "data/data.h"
+#include "app/progress.h"
 #include "hmm/hmm.h"
+#include "hmm/partial_results.h"
 #include "numlib/generator.h"
 #include "params/parameters.h"
 #include "trees/tree.h"
@@ -66,7 +68,19 @@ int run_ketra(int argc, char** argv) {
     }
 
     try {
-        parameters.aux_filename = parameters.output_file.string() + ".aux";
+        check_split_flags(parameters);
+    } catch (run_error const& e) {
+        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
+        return 1;
+    }
+
+    try {
+        // A chunk run keeps its own .aux file, so that chunks can run side by side.
+        parameters.aux_filename = (is_chunk_run(parameters)
+                                       ? chunk_name(parameters, parameters.chunk_index, parameters.chunk_count)
+                                       : parameters.output_file.string()) +
+                                  ".aux";
+        run.draw_progress = draw_progress_line;
         run = data(parameters);
         if (parameters.seen("-snp_info")) run.output_snp_info();
         run.print_matrix(tree_map, parameters);
@@ -76,6 +90,9 @@ int run_ketra(int argc, char** argv) {
     } catch (badfilename const& e) {
         std::cout << e.what() << std::endl << "Program terminated" << std::endl;
         return 0;
+    } catch (run_error const& e) {
+        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
+        return 1;
     }
 
     time_t const end = time(nullptr);
