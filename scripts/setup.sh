@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make libboost-iostreams-dev libboost-filesystem-dev
-          libboost-system-dev zlib1g-dev libgtest-dev)
+          libboost-system-dev zlib1g-dev libgtest-dev snakemake)
 
 missing=()
 for p in "${packages[@]}"; do
