@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -16,6 +17,8 @@
 #include "hmm/memory_check.h"
 #include "hmm/partial_results.h"
 #include "hmm/run_error.h"
+#include "io/gzip_member.h"
+#include "io/text_stream.h"
 #include "support/test_support.h"
 
 namespace fs = boost::filesystem;
@@ -212,4 +215,54 @@ TEST(MemoryCheck, WarnsOrStopsOnlyWhenTheRunDoesNotFit) {
     EXPECT_LT(estimate_peak_memory(bench), 160e6);
     EXPECT_LT(estimate_peak_memory(many_individuals), 160e6);
     EXPECT_GT(estimate_peak_memory(two_threads), estimate_peak_memory(bench) + 201 * 20100 * 8.0);
+}
+
+TEST(CompressedPardo, DecompressesToThePlainFiles) {
+    TempDir dir;
+    copy_inputs(dir);
+    ASSERT_EQ(run_ketra(args("plain/run", {}), dir.path().string()).status, 0);
+    std::vector<std::vector<std::string>> const runs = {
+        {"-threads", "1"}, {"-threads", "3"}, {"-chunk", "1", "2"}, {"-chunk", "2", "2", "-threads", "2"}, {"-merge", "2"}};
+    for (auto const& extra : runs) {
+        auto more = extra;
+        more.push_back("-pardo_gz");
+        std::string const out = extra[0] == "-threads" ? "gz" + extra[1] + "/run" : "split/run";
+        ASSERT_EQ(run_ketra(args(out, more), dir.path().string()).status, 0);
+        if (extra[0] == "-chunk") continue;
+        SCOPED_TRACE(out);
+        int pardo_files = 0;
+        for (auto const& f : result_files(dir.path() / "plain")) {
+            if (f.first.size() < 6 || f.first.compare(f.first.size() - 6, 6, ".pardo") != 0) {
+                // Everything else is as in a plain run.
+                EXPECT_EQ(read_file(dir.file(out.substr(0, out.find('/')) + "/" + f.first)), f.second) << f.first;
+                continue;
+            }
+            ++pardo_files;
+            std::string const gz = dir.file(out.substr(0, out.find('/')) + "/" + f.first + ".gz");
+            EXPECT_EQ(ketra_test::read_gz_file(gz), f.second) << gz;
+            EXPECT_FALSE(ketra_test::file_exists(dir.file(out.substr(0, out.find('/')) + "/" + f.first)));
+        }
+        EXPECT_EQ(pardo_files, 5);
+    }
+}
+
+// Independently compressed blocks, concatenated, read back as one text by the
+// program's own gzip reader.
+TEST(CompressedPardo, ConcatenatedMembersReadAsOneText) {
+    TempDir dir;
+    std::vector<std::vector<std::string>> const cases = {
+        {"one line\n"}, {"first block ", "second\n", "", "third\nfourth\n"}, {std::string(3 << 20, 'x') + "\n", "end\n"}};
+    for (auto const& blocks : cases) {
+        std::string file, text;
+        for (auto const& b : blocks) {
+            if (!b.empty()) append_gzip_member(file, b, 1);
+            text += b;
+        }
+        ketra_test::write_file(dir.file("t.gz"), file);
+        auto in = open_text_input(dir.file("t.gz"));
+        ASSERT_TRUE(in);
+        std::string read((std::istreambuf_iterator<char>(*in)), std::istreambuf_iterator<char>());
+        EXPECT_EQ(read.size(), text.size());
+        EXPECT_TRUE(read == text);
+    }
 }

@@ -7,6 +7,7 @@
 #include "hmm/hmm.h"
 #include "hmm/parallel.h"
 #include "io/badfilename.h"
+#include "io/gzip_member.h"
 #include "io/number_text.h"
 #include "io/output_file.h"
 
@@ -29,9 +30,29 @@ std::vector<std::vector<int>> group_by_name(std::vector<output_position> const& 
     return groups;
 }
 
+// Writes text blocks to a file as they are, or each as a gzip member.
+class block_output {
+public:
+    block_output(std::string const& path, bool gzip) : file_(path, output_file::mode::truncate, false), gzip_(gzip) {}
+    bool is_open() const { return file_.is_open(); }
+    void write(std::string const& text) {
+        if (!gzip_) return file_.write(text);
+        if (text.empty()) return;
+        compressed_.clear();
+        append_gzip_member(compressed_, text, 1);
+        file_.write(compressed_);
+    }
+    void finish() { file_.finish(); }
+
+private:
+    output_file file_;
+    bool gzip_;
+    std::string compressed_;
+};
+
 void write_pardo_file(result_file_reader const& records, result_layout const& layout, output_position const& position,
-                      int p) {
-    output_file out(position.name + ".pardo", output_file::mode::truncate, false);
+                      int p, bool gzip) {
+    block_output out(position.name + (gzip ? ".pardo.gz" : ".pardo"), gzip);
     if (!out.is_open()) return;  // not reported; the run goes on
     int const N = records.count();
     std::size_t const B = position.branch_ids.size();
@@ -118,13 +139,13 @@ void write_full_matrix_files(result_file_reader const& records, result_layout co
 }
 
 void write_pardo_files(result_file_reader const& records, result_layout const& layout,
-                       std::vector<output_position> const& positions, int threads) {
+                       std::vector<output_position> const& positions, int threads, bool gzip) {
     // A later position with the same name would overwrite the file: write only
     // the last one of each name, and the files can then be written at once.
     auto const groups = group_by_name(positions);
     parallel_for(groups.size(), threads, [&](std::size_t g) {
         int const p = groups[g].back();
-        write_pardo_file(records, layout, positions[p], p);
+        write_pardo_file(records, layout, positions[p], p, gzip);
     });
 }
 
