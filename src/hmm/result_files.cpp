@@ -1,6 +1,7 @@
 #include "hmm/result_files.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,11 +31,20 @@ void result_file_writer::finish() {
 result_file_reader::result_file_reader(std::vector<result_part> const& parts, int first, int count,
                                        std::size_t record_size)
     : first_(first), record_bytes_(record_size * sizeof(double)), where_(count > 0 ? count : 0) {
+    // A merge of many chunks, each written by many threads, keeps a file open
+    // per part: allow as many open files as the system lets this process have.
+    rlimit files{};
+    if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max &&
+        files.rlim_cur < parts.size() + 64) {
+        files.rlim_cur = files.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &files);
+    }
     for (auto const& part : parts) {
         int const fd = ::open(part.path.c_str(), O_RDONLY);
         if (fd < 0) {
+            std::string const reason = std::strerror(errno);
             for (int open_fd : fds_) ::close(open_fd);
-            throw badfilename(part.path, "can't open partial results.");
+            throw badfilename(part.path, "can't open partial results: " + reason);
         }
         int const file = static_cast<int>(fds_.size());
         fds_.push_back(fd);
