@@ -7,6 +7,7 @@
 
 #include <boost/filesystem/operations.hpp>
 
+#include "io/badfilename.h"
 #include "io/output_file.h"
 
 namespace fs = boost::filesystem;
@@ -102,7 +103,7 @@ void write_chunk_index(LSMatrixParameters const& parameters, int N, std::pair<in
                        result_layout const& layout, std::vector<result_part> const& parts, bool complete) {
     std::string const name = chunk_name(parameters, parameters.chunk_index, parameters.chunk_count) + ".part";
     output_file out(name, output_file::mode::truncate, false);
-    if (!out.is_open()) throw write_error(name, "can't open file.");
+    if (!out.is_open()) throw badfilename(name, "can't open file.");
     std::ostringstream text;
     text << index_title << "\n"
          << "fingerprint " << run_fingerprint(parameters) << "\n"

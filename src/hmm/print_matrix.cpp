@@ -19,6 +19,7 @@
 #include "hmm/positions.h"
 #include "hmm/result_files.h"
 #include "hmm/writers.h"
+#include "io/badfilename.h"
 
 namespace fs = boost::filesystem;
 
@@ -50,7 +51,9 @@ class work_folder {
 public:
     explicit work_folder(fs::path const& output)
         : path_(output.string() + ".work" + std::to_string(static_cast<long>(::getpid()))) {
-        fs::create_directories(path_);
+        boost::system::error_code error;
+        fs::create_directories(path_, error);
+        if (error) throw badfilename(path_.string(), "can't create the work folder: " + error.message());
     }
     ~work_folder() {
         boost::system::error_code ignored;

@@ -14,7 +14,7 @@ result_file_writer::result_file_writer(std::string const& base, int workers, std
     for (int w = 0; w < workers; ++w) {
         std::string const path = base + "." + std::to_string(w);
         files_.push_back(std::make_unique<output_file>(path, output_file::mode::truncate, false));
-        if (!files_.back()->is_open()) throw write_error(path, "can't open file.");
+        if (!files_.back()->is_open()) throw badfilename(path, "can't open file.");
         parts_.push_back({path, {}});
     }
 }
