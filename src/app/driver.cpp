@@ -15,9 +15,11 @@
 #include <boost/filesystem/exception.hpp>
 
 #include "data/data.h"
-#include "io/output_file.h"
+#include "app/progress.h"
 #include "hmm/gpu_engine.h"
+#include "io/output_file.h"
 #include "hmm/hmm.h"
+#include "hmm/partial_results.h"
 #include "numlib/generator.h"
 #include "params/parameters.h"
 #include "trees/tree.h"
@@ -92,9 +94,21 @@ int run_stages(int argc, char** argv) {
     // Bad data and bad trees end with status 0 by default; a pipeline asks for -strict.
     int const data_failure = strict ? 1 : 0;
     try {
-        parameters.aux_filename = parameters.output_file.string() + ".aux";
+        check_split_flags(parameters);
+    } catch (run_error const& e) {
+        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
+        return 1;
+    }
+
+    try {
+        // A chunk run keeps its own .aux file, so that chunks can run side by side.
+        parameters.aux_filename = (is_chunk_run(parameters)
+                                       ? chunk_name(parameters, parameters.chunk_index, parameters.chunk_count)
+                                       : parameters.output_file.string()) +
+                                  ".aux";
         stage = "reading the input data";
         run = data(parameters);
+        run.draw_progress = draw_progress_line;
         stage = "writing the SNP information file";
         if (parameters.seen("-snp_info")) run.output_snp_info();
         stage = "computing and writing the matrix";
@@ -106,6 +120,9 @@ int run_stages(int argc, char** argv) {
         std::cout << e.what() << std::endl << "Program terminated" << std::endl;
         return data_failure;
     } catch (write_error const& e) {
+        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
+        return 1;
+    } catch (run_error const& e) {
         std::cout << e.what() << std::endl << "Program terminated" << std::endl;
         return 1;
     }

@@ -1,7 +1,7 @@
 // The run object: the loaded data store plus the haplotype-copying engine.
 #pragma once
 
-#include <array>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -15,7 +15,6 @@
 class HMM : public data {
 public:
     using node = tree_node;
-    using branch_row = std::array<double, 2>;
 
     // Results of one tree position.
     struct matrix_data {
@@ -23,10 +22,6 @@ public:
         std::vector<double> haplotype_sums;   // per haplotype, summed over individuals
         std::string tree;                     // tree text from the tree map
         std::map<int, node> nodes;            // parsed tree ("-tavlo_input" only)
-        // node id -> per individual [P(both copies below), P(exactly one below)].
-        // Rows are fixed pairs: a run holds positions x branches x individuals
-        // of them, and a separate allocation per row would triple that memory.
-        std::map<int, std::vector<branch_row>> branch_genotypes;
         ~matrix_data();
     };
 
@@ -52,11 +47,16 @@ public:
                              double const& right_distance, std::vector<double> const& backward_right,
                              std::vector<double> const& forward_left);
 
+    // The matrix run: every individual's passes and all result files; with
+    // "-chunk" only a slice of the individuals and its partial results, with
+    // "-merge" the result files from the chunks' partial results.
     void print_matrix(std::map<double, std::string>& trees, LSMatrixParameters const& parameters);
-    void print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,
-                              bool const& detail, std::map<double, std::vector<std::vector<double>>>& details);
-    void output_details(std::string const& file_name, std::vector<std::vector<double>> const& values);
-    void output_pardo(std::map<double, matrix_data>& positions);
+    // Writes the matrix file from the positions' haplotype sums.
+    void print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output);
+
+    // Draws the progress line (individuals done, individuals in all); set by
+    // the driver. Nothing is drawn without it.
+    std::function<void(int done, int total)> draw_progress;
 };
 
 // The panel in the engine's compact form: alleles as 0/1 doubles, switch
