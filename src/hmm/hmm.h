@@ -12,6 +12,10 @@
 #include "hmm/kernel.h"
 #include "trees/tree.h"
 
+class result_file_reader;
+struct result_layout;
+struct output_position;
+
 class HMM : public data {
 public:
     using node = tree_node;
@@ -53,6 +57,15 @@ public:
     void print_matrix(std::map<double, std::string>& trees, LSMatrixParameters const& parameters);
     // Writes the matrix file from the positions' haplotype sums.
     void print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output);
+    // One pardo file per distinct position name (the highest position of a
+    // shared name wins), from the individuals' records. With gzip,
+    // "name.pardo.gz" instead: a series of independently compressed blocks.
+    // Files are written in parallel.
+    void output_pardo(result_file_reader const& records, result_layout const& layout,
+                      std::vector<output_position> const& positions, int threads, bool gzip);
+    // A details file: line k holds the values [k][0..N-1], each followed by a
+    // blank. The matrix run never writes one (-detail adds no file).
+    void output_details(std::string const& file_name, std::vector<std::vector<double>> const& values);
 
     // Draws the progress line (individuals done, individuals in all); set by
     // the driver. Nothing is drawn without it.

@@ -76,7 +76,7 @@ void write_results(HMM& run, result_file_reader const& records, result_layout co
     std::size_t p = 0;
     for (auto& entry : positions) entry.second.haplotype_sums = std::move(sums[p++]);
     run.print_matrix_private(positions, parameters.output_file);
-    if (parameters.tavlo_input) write_pardo_files(records, layout, outputs, threads, parameters.pardo_gz);
+    if (parameters.tavlo_input) run.output_pardo(records, layout, outputs, threads, parameters.pardo_gz);
 }
 
 // A marked branch with no results stops the run at the first individual, at

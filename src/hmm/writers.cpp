@@ -138,7 +138,7 @@ void write_full_matrix_files(result_file_reader const& records, result_layout co
     });
 }
 
-void write_pardo_files(result_file_reader const& records, result_layout const& layout,
+void HMM::output_pardo(result_file_reader const& records, result_layout const& layout,
                        std::vector<output_position> const& positions, int threads, bool gzip) {
     // A later position with the same name would overwrite the file: write only
     // the last one of each name, and the files can then be written at once.
@@ -177,6 +177,21 @@ void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::
     }
     out.finish();
     std::cout << "done" << std::endl;
+}
+
+void HMM::output_details(std::string const& file_name, std::vector<std::vector<double>> const& values) {
+    output_file out(file_name);
+    if (!out.is_open()) throw badfilename(file_name, "can't open file.");
+    std::string text;
+    for (auto const& row : values) {
+        for (double v : row) {
+            append_number(text, v, 6);
+            text += ' ';
+        }
+        text += '\n';
+    }
+    out.write(text);
+    out.finish();
 }
 
 void append_full_matrix_block(std::string& out, double const* pair_posterior, int K) {

@@ -32,9 +32,3 @@ std::vector<std::vector<double>> sum_haplotype_probabilities(result_file_reader 
 // positions sharing that name, ascending. Nothing is written without individuals.
 void write_full_matrix_files(result_file_reader const& records, result_layout const& layout,
                              std::vector<output_position> const& positions, int threads);
-
-// One pardo file per distinct name (the highest position of a shared name
-// wins). With gzip, "name.pardo.gz" instead: blocks of about 1 MB of text,
-// each a gzip member at the fastest level; files are compressed in parallel.
-void write_pardo_files(result_file_reader const& records, result_layout const& layout,
-                       std::vector<output_position> const& positions, int threads, bool gzip);
