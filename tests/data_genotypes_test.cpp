@@ -137,13 +137,21 @@ INSTANTIATE_TEST_SUITE_P(PlainAndGzip, Genotypes, ::testing::Values(false, true)
 TEST(GenotypeCompression, ChosenByNameOnly) {
     TempDir dir;
     // gzip bytes under a plain name are read as text: nothing usable in them;
-    // plain text under a .gz name goes through the decompressor and yields nothing.
+    // plain text under a .gz name goes through the decompressor, which rejects it.
     write_gz_file(dir.file("study.txt"), "s12 rs12 12000 A G 1 0 0\n");
     write_file(dir.file("plain.gz"), "s12 rs12 12000 A G 1 0 0\n");
     for (std::string const name : {"study.txt", "plain.gz"}) {
         data d = store_for(dir, {"-int", "10000", "20000", "-g", dir.file(name)});
         d.snps[12000] = panel_snp("rs12", "A", "G");
-        std::string const out = quietly([&] { d.read_genotype_data(); });
+        std::string error;
+        std::string const out = quietly([&] {
+            try {
+                d.read_genotype_data();
+            } catch (badfilename const& e) {
+                error = e.what();
+            }
+        });
+        EXPECT_EQ(error, name == "plain.gz" ? "Error reading file " + dir.file(name) + ": not in gzip format." : "");
         EXPECT_EQ(d.snps.at(12000).data_type, 1) << name;
         EXPECT_EQ(contains(out, "reading gzip file in gzip mode ... "), name == "plain.gz");
         if (name == "study.txt") {
