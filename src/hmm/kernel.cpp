@@ -599,30 +599,38 @@ BranchLayout::BranchLayout(int K_, std::vector<int> a, std::vector<int> b)
 namespace {
 
 // Q[p][q] = P(order[p], order[q]) for q < p, in the flat triangular layout.
-// Leaves are taken eight consecutive ids at a time: their full rows of the
-// symmetric matrix come from their own rows of P and one cache line of every
-// later row, and are then scattered into the depth-first rows of Q.
-KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, double* Q, std::vector<double>& rows) {
+// Leaves are taken eight consecutive ids at a time. For leaf x of the block,
+// P(x, y) lies in row x of P for y <= x and in column x otherwise; the
+// columns of the block are copied first, one cache line of every later row
+// into a strip, so that the gather into the depth-first rows of Q reads rows
+// and strip in the caches instead of P at random.
+KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, double* Q, std::vector<double>& strip) {
     int const K = layout.K;
     constexpr int block = 8;
-    rows.resize(static_cast<std::size_t>(block) * K);
+    strip.resize(static_cast<std::size_t>(block) * K);
     const int* order = layout.order.data();
     for (int X = 0; X < K; X += block) {
         int const w = std::min(block, K - X);
-        for (int u = 0; u < w; ++u) {
-            double* row = rows.data() + static_cast<std::size_t>(u) * K;
-            std::memcpy(row, P + tri_offset(X + u), (X + u + 1) * sizeof(double));
-            for (int y = X + u + 1; y < X + w; ++y) row[y] = P[tri_offset(y) + X + u];
+        for (int y = X; y < K; ++y) {
+            double* to = &strip[static_cast<std::size_t>(y) * block];
+            const double* from = P + tri_offset(y) + X;
+            if (y >= X + block - 1 && w == block) {
+                for (int u = 0; u < block; ++u) to[u] = from[u];
+            } else {
+                int const columns = std::min(w, y - X + 1);  // row y holds columns up to y
+                for (int u = 0; u < columns; ++u) to[u] = from[u];
+            }
         }
-        for (int y = X + w; y < K; ++y) {
-            const double* line = P + tri_offset(y) + X;
-            for (int u = 0; u < w; ++u) rows[static_cast<std::size_t>(u) * K + y] = line[u];
-        }
         for (int u = 0; u < w; ++u) {
-            const double* row = rows.data() + static_cast<std::size_t>(u) * K;
-            int const p = layout.rank[X + u];
+            int const x = X + u;
+            const double* row = P + tri_offset(x);
+            const double* column = strip.data() + u;
+            int const p = layout.rank[x];
             double* out = Q + tri_offset(p);
-            for (int q = 0; q < p; ++q) out[q] = row[order[q]];
+            for (int q = 0; q < p; ++q) {
+                int const y = order[q];
+                out[q] = y <= x ? row[y] : column[static_cast<std::size_t>(y) * block];
+            }
         }
     }
 }
@@ -682,8 +690,8 @@ KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const
 KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
                                        double* one, double* work, double* reordered) {
     if (reordered) {
-        thread_local std::vector<double> rows;
-        reorder_pairs(layout, P, reordered, rows);
+        thread_local std::vector<double> strip;
+        reorder_pairs(layout, P, reordered, strip);
         branch_sums(layout, P, m, both, one, work,
                     [reordered](int p, int q) { return reordered[tri_offset(p) + q]; });
     } else {
