@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <mutex>
 
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "hmm/cpu_engine.h"
+#include "hmm/gpu_records.h"
 #include "hmm/hmm.h"
 #include "hmm/memory_check.h"
 #include "hmm/partial_results.h"
@@ -157,6 +159,18 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     size.record_values = layout.record_size();
     check_memory(estimate_peak_memory(size), available_memory(), threads, parameters.strict, std::cout);
 
+    // With -gpu the device computes the records and this thread alone hands
+    // them on; the writers still format them on every thread.
+    std::unique_ptr<gpu_record_engine> gpu;
+    if (parameters.gpu && failing < 0 && count > 0) gpu = std::make_unique<gpu_record_engine>(work);
+    int const record_workers = gpu ? 1 : threads;
+    auto run_engine = [&](int first, int last, result_sink& sink, progress_listener& progress) {
+        if (gpu)
+            gpu->run(first, last, sink, &progress);
+        else
+            run_cpu_engine(work, first, last, threads, sink, &progress);
+    };
+
     // The progress line shows the store's count as it stands: -1 when the
     // genotype file placed no SNP (nobody is then processed).
     std::cout << "Performing forward and backward calculations (this may take a while, please be patient)."
@@ -168,16 +182,16 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     if (chunk) {
         std::string const base = chunk_name(parameters, parameters.chunk_index, parameters.chunk_count) + ".part";
         write_chunk_index(parameters, N, individuals, layout, {}, false);
-        result_file_writer records(base, threads, layout.record_size());
-        run_cpu_engine(work, individuals.first, individuals.second, threads, records, &progress);
+        result_file_writer records(base, record_workers, layout.record_size());
+        run_engine(individuals.first, individuals.second, records, progress);
         records.finish();
         std::cout << std::endl << std::endl << "writing partial results ... " << std::flush;
         write_chunk_index(parameters, N, individuals, layout, records.parts(), true);
         std::cout << "done" << std::endl;
     } else {
         work_folder const folder(parameters.output_file);
-        result_file_writer records(folder.file("records"), threads, layout.record_size());
-        run_cpu_engine(work, 0, N, threads, records, &progress);
+        result_file_writer records(folder.file("records"), record_workers, layout.record_size());
+        run_engine(0, N, records, progress);
         records.finish();
         result_file_reader const reader(records.parts(), 0, N, layout.record_size());
         write_results(*this, reader, layout, positions, outputs, parameters);
