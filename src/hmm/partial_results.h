@@ -6,7 +6,9 @@
 // A chunk's partial results are "<output>.chunk<i>of<n>.part" (a text index:
 // fingerprint, i and n, the individuals, the record layout, the record files
 // with the individual of each record, and a last line "complete") and the
-// record files "<output>.chunk<i>of<n>.part.<worker>".
+// record files "<output>.chunk<i>of<n>.part.<worker>" (each listed with its
+// CRC-32). The merge answers any damaged or foreign partial result with
+// run_error.
 #pragma once
 
 #include <string>
