@@ -5,8 +5,9 @@
 // Input: the files of one split, separated by "\0==file==\0". The first piece
 // is "N K pairs b1 b2 ..." (the merging run's individuals and layout), each
 // later piece "<name>\n<content>". Names hold letters, digits and dots only.
-// "FINGERPRINT" in a piece stands for the merging run's fingerprint, so that
-// the fuzzer can get past that check; the chunk count comes from the first
+// "FINGERPRINT" in a piece stands for the merging run's fingerprint and a
+// line "checksum CHECKSUM" for the checksum of the lines above it, so that
+// the fuzzer gets past those checks; the chunk count comes from the first
 // index named "run.chunk1of<n>.part".
 #include <cstring>
 
@@ -71,6 +72,12 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
         std::string content = pieces[p].substr(end + 1);
         for (std::size_t at; (at = content.find("FINGERPRINT")) != std::string::npos;)
             content.replace(at, 11, fingerprint);
+        std::size_t const line = content.find("\nchecksum CHECKSUM");
+        if (line != std::string::npos) {
+            char hex[9];
+            std::snprintf(hex, sizeof hex, "%08x", static_cast<unsigned>(extend_checksum(0, content.data(), line + 1)));
+            content.replace(line + 10, 8, hex);
+        }
         int n = 0;
         if (parameters.merge_count == 0 && std::sscanf(name.c_str(), "run.chunk1of%d.part", &n) == 1 && n > 0 && n <= 8 &&
             name == "run.chunk1of" + std::to_string(n) + ".part")

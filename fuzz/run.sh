@@ -48,7 +48,8 @@ printf -- '-int\0-1\0005\0-Ne\0nan\0-strict\0-nee\0-help' | seed command_line st
 
 # Partial results: a split of the small data into two chunks, by the build's
 # own program; the header piece is the merging run's individuals and layout,
-# and the fingerprint becomes the placeholder the target fills in.
+# and the fingerprint and the index checksum become the placeholders the
+# target fills in.
 split_run() {  # split_run NAME EXTRA-FLAGS...
     local name=$1 work="$build/split-$1"
     shift
@@ -63,7 +64,7 @@ split_run() {  # split_run NAME EXTRA-FLAGS...
             "$work/run.chunk1of2.part"
         for f in run.chunk1of2.part run.chunk2of2.part; do
             printf '\0==file==\0%s\n' "$f"
-            sed 's/^fingerprint .*/fingerprint FINGERPRINT/' "$work/$f"
+            sed 's/^fingerprint .*/fingerprint FINGERPRINT/; s/^checksum .*/checksum CHECKSUM/' "$work/$f"
             for r in "$work/$f".*; do
                 printf '\0==file==\0%s\n' "$(basename "$r")"
                 cat "$r"

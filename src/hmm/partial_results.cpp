@@ -40,6 +40,14 @@ std::string layout_text(result_layout const& layout) {
     return text.str();
 }
 
+std::string hex32(std::uint32_t value) {
+    char text[9];
+    std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(value));
+    return text;
+}
+
+std::string checksum_text(std::string const& text) { return hex32(extend_checksum(0, text.data(), text.size())); }
+
 [[noreturn]] void refuse(std::string const& file, std::string const& cause) {
     throw run_error("Error reading file " + file + ": " + cause);
 }
@@ -115,12 +123,13 @@ void write_chunk_index(LSMatrixParameters const& parameters, int N, std::pair<in
          << "layout " << layout_text(layout) << "\n"
          << "files " << parts.size() << "\n";
     for (auto const& part : parts) {
-        char checksum[9];
-        std::snprintf(checksum, sizeof checksum, "%08x", static_cast<unsigned>(part.checksum));
-        text << fs::path(part.path).filename().string() << " " << part.individuals.size() << " " << checksum << "\n";
+        text << fs::path(part.path).filename().string() << " " << part.individuals.size() << " " << hex32(part.checksum)
+             << "\n";
         for (std::size_t r = 0; r < part.individuals.size(); ++r) text << (r ? " " : "") << part.individuals[r];
         text << "\n";
     }
+    std::string const listed = text.str();
+    text << "checksum " << checksum_text(listed) << "\n";
     if (complete) text << "complete\n";
     out.write(text.str());
     out.finish();
@@ -158,9 +167,13 @@ std::vector<result_part> read_chunk_index(std::string const& name, int i, int n,
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     if (lines.empty() || lines[0] != index_title) refuse(name, "not a partial results file.");
     if (lines.back() != "complete") refuse(name, "partial results are incomplete" + rerun + ".");
-    if (lines.size() < 7 || lines[1] != "fingerprint " + fingerprint)
-        refuse(name, "partial results made by another command line or from other input files.");
     std::string const damaged = "partial results are damaged" + rerun + ".";
+    // The line before "complete" holds the checksum of all the lines above it.
+    std::string listed;
+    for (std::size_t l = 0; l + 2 < lines.size(); ++l) listed += lines[l] + "\n";
+    if (lines.size() < 8 || lines[lines.size() - 2] != "checksum " + checksum_text(listed)) refuse(name, damaged);
+    if (lines[1] != "fingerprint " + fingerprint)
+        refuse(name, "partial results made by another command line or from other input files.");
     auto const chunk = fields_of(lines[2]);
     long long chunk_i = 0, chunk_n = 0;
     if (chunk.size() != 3 || chunk[0] != "chunk" || !whole_number(chunk[1], 0, 1 << 30, chunk_i) ||
@@ -180,7 +193,7 @@ std::vector<result_part> read_chunk_index(std::string const& name, int i, int n,
     auto const listing = fields_of(lines[5]);
     long long files = 0;
     if (listing.size() != 2 || listing[0] != "files" || !whole_number(listing[1], 0, 1 << 30, files) ||
-        static_cast<std::size_t>(files) * 2 + 7 != lines.size())
+        static_cast<std::size_t>(files) * 2 + 8 != lines.size())
         refuse(name, damaged);
     std::string const own_prefix = fs::path(name).filename().string() + ".";
     std::vector<char> seen(static_cast<std::size_t>(expected.second - expected.first), 0);

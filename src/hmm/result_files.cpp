@@ -19,6 +19,8 @@ namespace {
     throw run_error("Error reading file " + path + ": " + cause);
 }
 
+}  // namespace
+
 std::uint32_t extend_checksum(std::uint32_t crc, char const* bytes, std::size_t size) {
     while (size > 0) {
         uInt const piece = static_cast<uInt>(std::min<std::size_t>(size, 1u << 30));
@@ -28,8 +30,6 @@ std::uint32_t extend_checksum(std::uint32_t crc, char const* bytes, std::size_t 
     }
     return crc;
 }
-
-}  // namespace
 
 std::uint32_t file_checksum(std::string const& path) {
     int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);

@@ -20,6 +20,9 @@ struct result_part {
     std::uint32_t checksum = 0;
 };
 
+// CRC-32 of bytes, continuing from crc (0 to start).
+std::uint32_t extend_checksum(std::uint32_t crc, char const* bytes, std::size_t size);
+
 // CRC-32 of a whole file; throws run_error naming it when it cannot be read.
 std::uint32_t file_checksum(std::string const& path);
 
