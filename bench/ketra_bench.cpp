@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -70,26 +71,26 @@ bool run_program(std::string const& ketra, std::vector<std::string> const& args,
 }
 
 // Evenly spread positions, as the generated tree map has them.
-hmm_kernel::Schedule engine_schedule(HMM const& hmm, hmm_kernel::Panel const& panel) {
+hmm_kernel::Schedule engine_schedule(HMM const& hmm, hmm_kernel::Panel const& panel, int n_positions) {
     std::vector<double> positions;
     double const first = hmm.snps.begin()->first, last = hmm.snps.rbegin()->first;
-    for (int t = 0; t < 200; ++t) positions.push_back(first + (last - first) * (t + 0.5) / 200);
+    for (int t = 0; t < n_positions; ++t) positions.push_back(first + (last - first) * (t + 0.5) / n_positions);
     return hmm_kernel::Schedule(panel.L, find_position_flanks(hmm, positions));
 }
 
-// Forward and backward passes plus posteriors for every individual, on the
-// given number of threads; returns wall seconds.
-double time_engine(HMM const& hmm, int threads) {
+// Forward and backward passes plus posteriors and haplotype probabilities
+// for every individual at the given number of positions, on the given number
+// of threads; returns wall seconds.
+double time_engine(HMM const& hmm, int n_positions, int threads) {
     hmm_kernel::Panel const panel = make_panel(hmm);
-    hmm_kernel::Schedule const schedule = engine_schedule(hmm, panel);
-    int const N = panel.N, K = panel.K;
+    hmm_kernel::Schedule const schedule = engine_schedule(hmm, panel, n_positions);
+    int const N = panel.N;
     std::atomic<int> next{0};
     std::atomic<long> checksum{0};
     auto worker = [&] {
         hmm_kernel::Workspace workspace;
-        std::vector<double> m(K);
         double sum = 0;
-        auto sink = [&](int, double const* P) { sum += hmm_kernel::haplotype_probabilities(K, P, m.data()); };
+        auto sink = [&](int, double const*, double const* m) { sum += m[0]; };
         for (int n; (n = next.fetch_add(1)) < N;) workspace.run(panel, schedule, panel.genotypes_of(n), sink);
         checksum += static_cast<long>(sum);
     };
@@ -101,10 +102,33 @@ double time_engine(HMM const& hmm, int threads) {
     return seconds_since(start);
 }
 
-// The same work on the GPU engine, the upload of the panel included.
-double time_gpu_engine(HMM const& hmm) {
+// The bare forward step on this panel (first individual, in place): best ns
+// per pair-state update over a few passes.
+double bare_forward_step_ns(HMM const& hmm) {
     hmm_kernel::Panel const panel = make_panel(hmm);
-    hmm_kernel::Schedule const schedule = engine_schedule(hmm, panel);
+    int const K = panel.K, L = panel.L;
+    if (L < 2 || panel.N == 0) return 0.0;
+    std::vector<double> F(hmm_kernel::tri_size(K)), R[2] = {std::vector<double>(K), std::vector<double>(K)};
+    const std::uint8_t* g = panel.genotypes_of(0);
+    double best = 1e30;
+    for (int rep = 0; rep < 3; ++rep) {
+        int r = 0;
+        double total = hmm_kernel::forward_first(K, panel.h(0), panel.emission[g[0]], F.data(), R[r].data());
+        auto const start = std::chrono::steady_clock::now();
+        for (int s = 1; s < L; ++s) {
+            total = hmm_kernel::forward_step(K, panel.stay[s], panel.jump[s], F.data(), R[r].data(), total,
+                                             panel.h(s), panel.emission[g[s]], F.data(), R[1 - r].data());
+            r = 1 - r;
+        }
+        best = std::min(best, seconds_since(start) * 1e9 / (static_cast<double>(F.size()) * (L - 1)));
+    }
+    return best;
+}
+
+// The same work on the GPU engine, the upload of the panel included.
+double time_gpu_engine(HMM const& hmm, int n_positions) {
+    hmm_kernel::Panel const panel = make_panel(hmm);
+    hmm_kernel::Schedule const schedule = engine_schedule(hmm, panel, n_positions);
     auto const start = std::chrono::steady_clock::now();
     hmm_gpu::Engine engine(panel, schedule, hmm_gpu::Outputs{});
     std::vector<int> individuals(panel.N);
@@ -159,11 +183,13 @@ int main(int argc, char** argv) {
 
     std::printf("whole run (ketra %s -tavlo_input):\n", "...");
     std::printf("%8s %12s %16s %14s %14s\n", "threads", "wall s", "updates/s", "ns/update", "peak RSS MiB");
+    double whole_one_thread = 0.0;
     for (std::string const& t : split(thread_list)) {
         std::vector<std::string> run_args = split(args);
         run_args.insert(run_args.end(), {"-o", dir + "/out-t" + t + "/matrix.txt", "-threads", t});
         double wall = 0, peak = 0;
         bool const ok = run_program(ketra, run_args, dir + "/log-t" + t + ".txt", wall, peak);
+        if (t == "1") whole_one_thread = wall / updates * 1e9;
         std::printf("%8s %12.2f %16.3g %14.3f %14.1f%s\n", t.c_str(), wall, updates / wall, wall / updates * 1e9, peak,
                     ok ? "" : "  (run failed: see log)");
     }
@@ -184,20 +210,29 @@ int main(int argc, char** argv) {
     hmm = data(parameters);
     std::cout.rdbuf(saved);
 
-    std::printf("\nengine alone (forward, backward and 200 posteriors per individual):\n");
+    std::printf("\nengine alone (forward, backward, posteriors and haplotype sums at %d positions):\n",
+                sizes.positions);
     std::printf("%8s %12s %16s %14s\n", "threads", "wall s", "updates/s", "ns/update");
+    double engine_one_thread = 0.0;
     for (std::string const& t : split(thread_list)) {
-        double const wall = time_engine(hmm, std::atoi(t.c_str()));
+        double const wall = time_engine(hmm, sizes.positions, std::atoi(t.c_str()));
+        if (t == "1") engine_one_thread = wall / updates * 1e9;
         std::printf("%8s %12.2f %16.3g %14.3f\n", t.c_str(), wall, updates / wall, wall / updates * 1e9);
     }
     if (gpu) {
         try {
-            double const wall = time_gpu_engine(hmm);
+            double const wall = time_gpu_engine(hmm, sizes.positions);
             std::printf("%8s %12.2f %16.3g %14.3f\n", "GPU", wall, updates / wall, wall / updates * 1e9);
         } catch (hmm_gpu::gpu_error const& e) {
             std::printf("%8s %s\n", "GPU", e.what());
         }
     }
+    double const bare = bare_forward_step_ns(hmm);
+    std::printf("\nbare forward step on this panel: %.3f ns/update\n", bare);
+    if (bare > 0 && whole_one_thread > 0)
+        std::printf("whole run, 1 thread / bare step: %.2f\n", whole_one_thread / bare);
+    if (bare > 0 && engine_one_thread > 0)
+        std::printf("engine alone, 1 thread / bare step: %.2f\n", engine_one_thread / bare);
     // The straightforward engine, on a few individuals, scaled to all of them.
     if (baseline_individuals > 0) {
         std::map<double, std::string> trees;

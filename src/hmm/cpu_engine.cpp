@@ -7,15 +7,17 @@
 
 namespace {
 
-// Per-thread scratch for the branch sums.
+// Per-thread scratch for the branch sums, with the pair array they reorder
+// the posterior into.
 struct branch_scratch {
-    std::vector<double> both, one, work;
+    std::vector<double> both, one, work, reordered;
     explicit branch_scratch(std::vector<position_tree> const& trees) {
         std::size_t most = 0;
         for (auto const& t : trees) most = std::max(most, static_cast<std::size_t>(t.layout.n_nodes()));
         both.resize(most);
         one.resize(most);
         work.resize(2 * most);
+        if (!trees.empty()) reordered.resize(hmm_kernel::tri_size(trees.front().layout.K));
     }
 };
 
@@ -24,13 +26,13 @@ void fill_record(engine_work const& work, int individual, hmm_kernel::Workspace&
     result_layout const& layout = *work.layout;
     int const K = layout.K;
     bool const with_trees = !work.trees->empty();
-    auto sink = [&](int p, double const* pair_posterior) {
+    auto sink = [&](int p, double const* pair_posterior, double const* haplotype_probs) {
         double* probs = record + layout.haplotypes_at(p);
-        hmm_kernel::haplotype_probabilities(K, pair_posterior, probs);
+        std::copy(haplotype_probs, haplotype_probs + K, probs);
         if (with_trees) {
             position_tree const& tree = (*work.trees)[p];
             hmm_kernel::branch_probabilities(tree.layout, pair_posterior, probs, scratch.both.data(),
-                                             scratch.one.data(), scratch.work.data());
+                                             scratch.one.data(), scratch.work.data(), scratch.reordered.data());
             double* values = record + layout.branches_at(p);
             for (int node : tree.marked) {
                 *values++ = scratch.both[node];

@@ -44,7 +44,9 @@ public:
     void forward(int const& individual);
     void backward(int const& individual);
 
-    void read_tree(std::string const& text, std::map<int, node>& tree, int const& leaves);
+    // Without leaf_sets the nodes' leaf sets stay empty (children and branch
+    // lengths are all the matrix run needs): O(K) per tree instead of O(K^2).
+    void read_tree(std::string const& text, std::map<int, node>& tree, int const& leaves, bool leaf_sets = true);
 
     // Pair posterior at a position between (or at) two SNPs; out is resized to K(K+1)/2.
     void find_matrix_private(std::vector<double>& out, double const& rate, double const& left_distance,
@@ -74,6 +76,9 @@ public:
     // the driver. Nothing is drawn without it.
     std::function<void(int done, int total)> draw_progress;
 };
+
+// A SNP's reference alleles as the kernel takes them (0.0 / 1.0), into h (K values).
+void alleles_as_doubles(snp const& s, std::vector<double>& h);
 
 // The panel in the engine's compact form: alleles as 0/1 doubles, switch
 // rates, positions, rates per base, the emission matrix by genotype column and

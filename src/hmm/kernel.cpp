@@ -17,6 +17,18 @@
 #include <cmath>
 #include <cstring>
 
+// A portable build carries each pass in several versions (AVX-512, AVX2,
+// baseline) and picks one by the processor it runs on. The versions give the
+// same bits: contraction is off for all of them, and the summation order is
+// fixed in the source.
+#if defined(KETRA_RUNTIME_DISPATCH) && defined(__x86_64__) && !defined(__AVX__)
+#define KETRA_CLONES __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
+#define KETRA_DISPATCHED 1
+#else
+#define KETRA_CLONES
+#define KETRA_DISPATCHED 0
+#endif
+
 namespace hmm_kernel {
 
 namespace {
@@ -55,15 +67,27 @@ KETRA_INLINE v4 load4(const double* p) { return *reinterpret_cast<const v4u*>(p)
 KETRA_INLINE void store4(double* p, v4 v) { *reinterpret_cast<v4u*>(p) = v; }
 KETRA_INLINE v4 splat(double x) { return v4{x, x, x, x}; }
 
+// A row's transition coefficients and row sum in every lane. Rows make them
+// once, before their loop: the portable build's versions would otherwise
+// rebuild them for every block.
+struct Lanes {
+    v4 aa, ab, bbt, ri;
+    KETRA_INLINE Lanes(Coefficients c, double r) : aa(splat(c.aa)), ab(splat(c.ab)), bbt(splat(c.bbt)), ri(splat(r)) {}
+};
+
 // Emission of the pairs of one row: e0 for columns with allele 0, e1 for
 // allele 1, where e0 = E[h_i][g], e1 = E[h_i + 1][g]. Selected by bit masks,
 // so that E[h_i + h_j][g] comes out exactly and without branches.
 struct RowEmission {
-    double e0, e1;
-    RowEmission(const double* h, const double* ecol, int i) {
+    double e0 = 0.0, e1 = 0.0;
+    v4 s0 = {}, s1 = {};  // e0 and e1 in every lane, made once per row
+    RowEmission() = default;
+    KETRA_INLINE RowEmission(const double* h, const double* ecol, int i) {
         int const hi = static_cast<int>(h[i]);
         e0 = ecol[hi];
         e1 = ecol[hi + 1];
+        s0 = splat(e0);
+        s1 = splat(e1);
     }
     double at(const double* h, int j) const {
         std::uint64_t a, b, hb;
@@ -77,13 +101,15 @@ struct RowEmission {
         return out;
     }
     KETRA_INLINE v4 at4(v4 hj) const {
-#ifdef __AVX__
-        return hj != splat(0.0) ? splat(e1) : splat(e0);  // one compare and one blend
+#if defined(__AVX__) || KETRA_DISPATCHED
+        // One compare and one blend; also the form for the AVX versions of a
+        // portable build (its baseline version then takes a slower route).
+        return hj != v4{} ? s1 : s0;
 #else
         // Without AVX a lane compare would be split into branches; integer
         // lanes instead: 1.0 has bit 61 set, 0.0 has no bit set.
         m4 const mask = (m4{0, 0, 0, 0}) - (((m4)hj >> 61) & 1);
-        return (v4)(((m4)splat(e0) & ~mask) | ((m4)splat(e1) & mask));
+        return (v4)(((m4)s0 & ~mask) | ((m4)s1 & mask));
 #endif
     }
 };
@@ -91,10 +117,11 @@ struct RowEmission {
 // One pass over a pair array. make_row(i) gives an object for row i with
 // v4 block(j), the values of columns j..j+3 (j + 3 < i), and double one(j),
 // the value of column j <= i; both also store whatever the pass writes. Each
-// off-diagonal value is added to R[j] and to partial sum j % 8 of its row;
-// columns come in blocks of eight (two halves of four), one block of four
-// where it fits, then single columns. Returns the total.
-template <class MakeRow>
+// off-diagonal value is added to R[j] (unless Sums is false) and to partial
+// sum j % 8 of its row; columns come in blocks of eight (two halves of four),
+// one block of four where it fits, then single columns. Returns the total,
+// which equals tri_total of the values.
+template <bool Sums = true, class MakeRow>
 KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
     double total = 0.0;
     for (int i = 0; i < K; ++i) {
@@ -103,15 +130,15 @@ KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
         int j = 0;
         for (; j + 8 <= i; j += 8) {
             v4 const x = row.block(j);
-            store4(R + j, load4(R + j) + x);
+            if (Sums) store4(R + j, load4(R + j) + x);
             lo += x;
             v4 const y = row.block(j + 4);
-            store4(R + j + 4, load4(R + j + 4) + y);
+            if (Sums) store4(R + j + 4, load4(R + j + 4) + y);
             hi += y;
         }
         if (j + 4 <= i) {
             v4 const x = row.block(j);
-            store4(R + j, load4(R + j) + x);
+            if (Sums) store4(R + j, load4(R + j) + x);
             lo += x;
             j += 4;
         }
@@ -120,18 +147,75 @@ KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
         std::memcpy(acc + 4, &hi, sizeof hi);
         for (; j < i; ++j) {
             double const x = row.one(j);
-            R[j] += x;
+            if (Sums) R[j] += x;
             acc[j & 7] += x;
         }
         double const off = reduce8(acc);
         double const d = row.one(i);
-        R[i] = off + d;
+        if (Sums) R[i] = off + d;
         total += 2.0 * off + d;
     }
     return total;
 }
 
-void divide(std::size_t n, double* __restrict x, double by) {
+// The same pass for rows that give two arrays at once (block(j, second) and
+// one(j, second)): the first is summed into R and the returned total, the
+// second into R2 and total2, each in the order of sweep.
+template <class MakeRow>
+KETRA_INLINE double sweep_both(int K, double* R, double* R2, double& total2, MakeRow const& make_row) {
+    double total = 0.0;
+    total2 = 0.0;
+    for (int i = 0; i < K; ++i) {
+        auto const row = make_row(i);
+        v4 lo = splat(0.0), hi = splat(0.0), lo2 = splat(0.0), hi2 = splat(0.0);
+        int j = 0;
+        for (; j + 8 <= i; j += 8) {
+            v4 b;
+            v4 const x = row.block(j, b);
+            store4(R + j, load4(R + j) + x);
+            store4(R2 + j, load4(R2 + j) + b);
+            lo += x;
+            lo2 += b;
+            v4 const y = row.block(j + 4, b);
+            store4(R + j + 4, load4(R + j + 4) + y);
+            store4(R2 + j + 4, load4(R2 + j + 4) + b);
+            hi += y;
+            hi2 += b;
+        }
+        if (j + 4 <= i) {
+            v4 b;
+            v4 const x = row.block(j, b);
+            store4(R + j, load4(R + j) + x);
+            store4(R2 + j, load4(R2 + j) + b);
+            lo += x;
+            lo2 += b;
+            j += 4;
+        }
+        double acc[8], acc2[8];
+        std::memcpy(acc, &lo, sizeof lo);
+        std::memcpy(acc + 4, &hi, sizeof hi);
+        std::memcpy(acc2, &lo2, sizeof lo2);
+        std::memcpy(acc2 + 4, &hi2, sizeof hi2);
+        for (; j < i; ++j) {
+            double b;
+            double const x = row.one(j, b);
+            R[j] += x;
+            acc[j & 7] += x;
+            R2[j] += b;
+            acc2[j & 7] += b;
+        }
+        double d2;
+        double const off = reduce8(acc), off2 = reduce8(acc2);
+        double const d = row.one(i, d2);
+        R[i] = off + d;
+        total += 2.0 * off + d;
+        R2[i] = off2 + d2;
+        total2 += 2.0 * off2 + d2;
+    }
+    return total;
+}
+
+KETRA_CLONES void divide(std::size_t n, double* __restrict x, double by) {
     for (std::size_t k = 0; k < n; ++k) x[k] /= by;
 }
 
@@ -160,23 +244,32 @@ struct WeightedRow {  // E * B, stored to G unless G is null
     }
 };
 
-struct ForwardRow {  // F = transition of Fp, times the emission
-    const double* Fp;
-    double* F;
-    const double* Rp;
+// The transition of the previous array X (row sums RX, coefficients c),
+// times the emission when Emit: the forward step on F and the backward step on
+// G = E * B both have this form; without the emission it forms B from G.
+template <bool Emit>
+struct TransitionRow {
+    const double* X;
+    double* Y;
+    const double* RX;
     const double* h;
     RowEmission e;
     Coefficients c;
     double ri;
+    Lanes k;
+    KETRA_INLINE TransitionRow(const double* X_, double* Y_, const double* RX_, const double* h_, RowEmission e_,
+                               Coefficients c_, double ri_)
+        : X(X_), Y(Y_), RX(RX_), h(h_), e(e_), c(c_), ri(ri_), k(c_, ri_) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 const v = (((splat(ri) + load4(Rp + j)) * splat(c.ab) + splat(c.bbt)) + splat(c.aa) * load4(Fp + j)) *
-                     e.at4(load4(h + j));
-        store4(F + j, v);
+        v4 v = ((k.ri + load4(RX + j)) * k.ab + k.bbt) + k.aa * load4(X + j);
+        if (Emit) v = v * e.at4(load4(h + j));
+        store4(Y + j, v);
         return v;
     }
     double one(int j) const {
-        double const v = step_value(ri, Rp[j], Fp[j], c) * e.at(h, j);
-        F[j] = v;
+        double v = step_value(ri, RX[j], X[j], c);
+        if (Emit) v = v * e.at(h, j);
+        Y[j] = v;
         return v;
     }
 };
@@ -190,9 +283,12 @@ struct BackwardRow {  // B = transition of E_{s+1} * Bn; yields E_s * B
     RowEmission en, e;
     Coefficients c;
     double ri;
+    Lanes k;
+    KETRA_INLINE BackwardRow(const double* Bn_, double* B_, const double* Rg_, const double* hn_, const double* h_,
+                             RowEmission en_, RowEmission e_, Coefficients c_, double ri_)
+        : Bn(Bn_), B(B_), Rg(Rg_), hn(hn_), h(h_), en(en_), e(e_), c(c_), ri(ri_), k(c_, ri_) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 const v = ((splat(ri) + load4(Rg + j)) * splat(c.ab) + splat(c.bbt)) +
-                     splat(c.aa) * (load4(Bn + j) * en.at4(load4(hn + j)));
+        v4 const v = ((k.ri + load4(Rg + j)) * k.ab + k.bbt) + k.aa * (load4(Bn + j) * en.at4(load4(hn + j)));
         store4(B + j, v);
         return v * e.at4(load4(h + j));
     }
@@ -201,27 +297,70 @@ struct BackwardRow {  // B = transition of E_{s+1} * Bn; yields E_s * B
         B[j] = v;
         return v * e.at(h, j);
     }
+    // The same, also giving the value of B itself.
+    KETRA_INLINE v4 block(int j, v4& b) const {
+        v4 const v = ((k.ri + load4(Rg + j)) * k.ab + k.bbt) + k.aa * (load4(Bn + j) * en.at4(load4(hn + j)));
+        store4(B + j, v);
+        b = v;
+        return v * e.at4(load4(h + j));
+    }
+    double one(int j, double& b) const {
+        double const v = step_value(ri, Rg[j], Bn[j] * en.at(hn, j), c);
+        B[j] = v;
+        b = v;
+        return v * e.at(h, j);
+    }
 };
 
-struct GammaRow {  // G = transition of Gn, times the emission
-    const double* Gn;
-    double* G;
-    const double* Rg;
-    const double* h;
-    RowEmission e;
-    Coefficients c;
-    double ri;
+struct ProductRow {  // P = F * B
+    const double* F;
+    const double* B;
+    double* P;
     KETRA_INLINE v4 block(int j) const {
-        v4 const v = (((splat(ri) + load4(Rg + j)) * splat(c.ab) + splat(c.bbt)) + splat(c.aa) * load4(Gn + j)) *
-                     e.at4(load4(h + j));
-        store4(G + j, v);
+        v4 const v = load4(F + j) * load4(B + j);
+        store4(P + j, v);
+        return v;
+    }
+    double one(int j) const { return P[j] = F[j] * B[j]; }
+};
+
+struct CarriedProductRow {  // P = (F carried to the position) * (B carried to it)
+    const double* F;
+    const double* B;
+    double* P;
+    const double* RF;
+    const double* RB;
+    Coefficients cf, cb;
+    double fi, bi;
+    Lanes kf, kb;
+    KETRA_INLINE CarriedProductRow(const double* F_, const double* B_, double* P_, const double* RF_,
+                                   const double* RB_, Coefficients cf_, Coefficients cb_, double fi_, double bi_)
+        : F(F_), B(B_), P(P_), RF(RF_), RB(RB_), cf(cf_), cb(cb_), fi(fi_), bi(bi_), kf(cf_, fi_), kb(cb_, bi_) {}
+    KETRA_INLINE v4 block(int j) const {
+        v4 const f = ((kf.ri + load4(RF + j)) * kf.ab + kf.bbt) + kf.aa * load4(F + j);
+        v4 const b = ((kb.ri + load4(RB + j)) * kb.ab + kb.bbt) + kb.aa * load4(B + j);
+        v4 const v = f * b;
+        store4(P + j, v);
         return v;
     }
     double one(int j) const {
-        double const v = step_value(ri, Rg[j], Gn[j], c) * e.at(h, j);
-        G[j] = v;
+        double const f = ((fi + RF[j]) * cf.ab + cf.bbt) + cf.aa * F[j];
+        double const b = ((bi + RB[j]) * cb.ab + cb.bbt) + cb.aa * B[j];
+        return P[j] = f * b;
+    }
+};
+
+struct DivideRow {  // P = P / by
+    double* P;
+    double by;
+    v4 by4;
+    KETRA_INLINE DivideRow(double* P_, double by_) : P(P_), by(by_), by4(splat(by_)) {}
+    KETRA_INLINE v4 block(int j) const {
+        v4 const v = load4(P + j) / by4;
+        store4(P + j, v);
         return v;
     }
+    double one(int j) const { return P[j] /= by; }
 };
 
 }  // namespace
@@ -245,11 +384,11 @@ Coefficients distance_coefficients(int K, double rate, double distance, double t
 
 // ---- Sums ------------------------------------------------------------------
 
-double row_sums(int K, const double* T, double* R) {
+KETRA_CLONES double row_sums(int K, const double* T, double* R) {
     return sweep(K, R, [&](int i) { return SumRow{T + tri_offset(i)}; });
 }
 
-double tri_total(int K, const double* T) {
+KETRA_CLONES double tri_total(int K, const double* T) {
     double total = 0.0;
     for (int i = 0; i < K; ++i) {
         const double* Ti = T + tri_offset(i);
@@ -276,12 +415,8 @@ double forward_first(int K, const double* h, const double* ecol, double* F, doub
 }
 
 double forward_step(int K, double stay, double jump, const double* Fp, const double* Rp, double Tp,
-                    const double* h, const double* ecol, double* F, double* R) {
-    Coefficients const c = coefficients(stay, jump, Tp);
-    double const total = sweep(K, R, [&](int i) {
-        std::size_t const o = tri_offset(i);
-        return ForwardRow{Fp + o, F + o, Rp, h, RowEmission(h, ecol, i), c, Rp[i]};
-    });
+                                 const double* h, const double* ecol, double* F, double* R) {
+    double const total = gamma_step(K, stay, jump, Fp, Rp, Tp, h, ecol, F, R);
     if (total < underflow_limit) {
         divide(tri_size(K), F, total);
         divide(static_cast<std::size_t>(K), R, total);
@@ -289,7 +424,7 @@ double forward_step(int K, double stay, double jump, const double* Fp, const dou
     return total;
 }
 
-double weighted(int K, const double* B, const double* h, const double* ecol, double* G, double* R) {
+KETRA_CLONES double weighted(int K, const double* B, const double* h, const double* ecol, double* G, double* R) {
     return sweep(K, R, [&](int i) {
         std::size_t const o = tri_offset(i);
         return WeightedRow{B + o, G ? G + o : nullptr, h, RowEmission(h, ecol, i)};
@@ -308,67 +443,107 @@ double backward_last(int K, const double* h, const double* ecol, double* B, doub
     return total;
 }
 
-double backward_step(int K, double stay, double jump, const double* Bn, const double* hn, const double* ecoln,
-                     const double* Rg, double Tg, const double* h, const double* ecol, double* B, double* Rg_out,
-                     bool want_gamma) {
+namespace {
+
+// backward_step; with RB, also B_s's row sums (as row_sums gives them) and its
+// total in TB, valid unless the step rescaled B (then rescaled is set).
+KETRA_CLONES double backward_step_sums(int K, double stay, double jump, const double* Bn, const double* hn,
+                                       const double* ecoln, const double* Rg, double Tg, const double* h,
+                                       const double* ecol, double* B, double* Rg_out, bool want_gamma, double* RB,
+                                       double& TB, bool& rescaled) {
     Coefficients const c = coefficients(stay, jump, Tg);
-    // At the first SNP the sums are not needed; they land in Rg_out unused.
-    double total = sweep(K, Rg_out, [&](int i) {
+    auto const row = [&](int i) {
         std::size_t const o = tri_offset(i);
         return BackwardRow{Bn + o, B + o, Rg, hn, h, RowEmission(hn, ecoln, i), RowEmission(h, ecol, i), c, Rg[i]};
-    });
+    };
+    // At the first SNP the sums are not needed; they land in Rg_out unused.
+    double total = RB ? sweep_both(K, Rg_out, RB, TB, row) : sweep(K, Rg_out, row);
+    rescaled = false;
     if (!want_gamma) return 0.0;
     if (total < underflow_limit) {
         divide(tri_size(K), B, total);
         divide(static_cast<std::size_t>(K), Rg_out, total);
         total = 1.0;
+        rescaled = true;
     }
     return total;
 }
 
-double gamma_step(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg, const double* h,
-                  const double* ecol, double* G, double* Rg_out) {
+}  // namespace
+
+double backward_step(int K, double stay, double jump, const double* Bn, const double* hn, const double* ecoln,
+                     const double* Rg, double Tg, const double* h, const double* ecol, double* B, double* Rg_out,
+                     bool want_gamma) {
+    double unused_total;
+    bool unused_rescaled;
+    return backward_step_sums(K, stay, jump, Bn, hn, ecoln, Rg, Tg, h, ecol, B, Rg_out, want_gamma, nullptr,
+                              unused_total, unused_rescaled);
+}
+
+KETRA_CLONES double gamma_step(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg,
+                               const double* h, const double* ecol, double* G, double* Rg_out) {
     Coefficients const c = coefficients(stay, jump, Tg);
     return sweep(K, Rg_out, [&](int i) {
         std::size_t const o = tri_offset(i);
-        return GammaRow{Gn + o, G + o, Rg, h, RowEmission(h, ecol, i), c, Rg[i]};
+        return TransitionRow<true>{Gn + o, G + o, Rg, h, RowEmission(h, ecol, i), c, Rg[i]};
     });
 }
 
-void backward_from_gamma(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg, double* B) {
+KETRA_CLONES double backward_from_gamma(int K, double stay, double jump, const double* Gn, const double* Rg,
+                                        double Tg, double* B, double* R) {
     Coefficients const c = coefficients(stay, jump, Tg);
-    for (int i = 0; i < K; ++i) {
+    auto const row = [&](int i) {
         std::size_t const o = tri_offset(i);
-        double const ri = Rg[i];
-        for (int j = 0; j <= i; ++j) B[o + j] = step_value(ri, Rg[j], Gn[o + j], c);
-    }
+        return TransitionRow<false>{Gn + o, B + o, Rg, nullptr, RowEmission(), c, Rg[i]};
+    };
+    if (R) return sweep(K, R, row);
+    sweep<false>(K, nullptr, row);
+    return 0.0;
 }
 
 // ---- Posterior -------------------------------------------------------------
 
-void posterior(int K, double rate, double left_distance, double right_distance, const double* __restrict F,
-               const double* __restrict B, double* __restrict P, double* scratch) {
-    std::size_t const n = tri_size(K);
+namespace {
+
+// The posterior with the flanks' row sums and totals given where known (RF or
+// RB null: computed here). Two passes: the product with its total, then the
+// division with the haplotype probabilities.
+KETRA_CLONES void posterior_from(int K, double rate, double left_distance, double right_distance,
+                                 const double* F, const double* RF, double TF, const double* B, const double* RB,
+                                 double TB, double* P, double* scratch, double* m) {
+    double total;
     if (left_distance == 0.0 || right_distance == 0.0) {
-        for (std::size_t k = 0; k < n; ++k) P[k] = F[k] * B[k];
+        total = sweep<false>(K, nullptr, [&](int i) {
+            std::size_t const o = tri_offset(i);
+            return ProductRow{F + o, B + o, P + o};
+        });
     } else {
-        double* __restrict RF = scratch;
-        double* __restrict RB = scratch + K;
-        double const TF = row_sums(K, F, RF);
-        double const TB = row_sums(K, B, RB);
+        if (!RF) {
+            TF = row_sums(K, F, scratch);
+            RF = scratch;
+        }
+        if (!RB) {
+            TB = row_sums(K, B, scratch + K);
+            RB = scratch + K;
+        }
         Coefficients const cf = distance_coefficients(K, rate, left_distance, TF);
         Coefficients const cb = distance_coefficients(K, rate, right_distance, TB);
-        for (int i = 0; i < K; ++i) {
+        total = sweep<false>(K, nullptr, [&](int i) {
             std::size_t const o = tri_offset(i);
-            double const fi = RF[i], bi = RB[i];
-            for (int j = 0; j <= i; ++j) {
-                double const f = ((fi + RF[j]) * cf.ab + cf.bbt) + cf.aa * F[o + j];
-                double const b = ((bi + RB[j]) * cb.ab + cb.bbt) + cb.aa * B[o + j];
-                P[o + j] = f * b;
-            }
-        }
+            return CarriedProductRow{F + o, B + o, P + o, RF, RB, cf, cb, RF[i], RB[i]};
+        });
     }
-    divide(n, P, tri_total(K, P));
+    if (m)
+        sweep(K, m, [&](int i) { return DivideRow{P + tri_offset(i), total}; });
+    else
+        divide(tri_size(K), P, total);
+}
+
+}  // namespace
+
+void posterior(int K, double rate, double left_distance, double right_distance, const double* F, const double* B,
+               double* P, double* scratch, double* m) {
+    posterior_from(K, rate, left_distance, right_distance, F, nullptr, 0.0, B, nullptr, 0.0, P, scratch, m);
 }
 
 // ---- Branch sums -----------------------------------------------------------
@@ -417,30 +592,89 @@ BranchLayout::BranchLayout(int K_, std::vector<int> a, std::vector<int> b)
             stack.push_back({child_a[v], false});
         }
     }
+    rank.assign(K, 0);
+    for (int p = 0; p < K; ++p) rank[order[p]] = p;
 }
 
-void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
-                          double* one, double* work) {
+namespace {
+
+// Q[p][q] = P(order[p], order[q]) for q < p, in the flat triangular layout.
+// Leaves are taken eight consecutive ids at a time. For leaf x of the block,
+// P(x, y) lies in row x of P for y <= x and in column x otherwise; the
+// columns of the block are copied first, one cache line of every later row
+// into a strip, so that the gather into the depth-first rows of Q reads rows
+// and strip in the caches instead of P at random.
+KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, double* Q, std::vector<double>& strip) {
+    int const K = layout.K;
+    constexpr int block = 8;
+    strip.resize(static_cast<std::size_t>(block) * K);
+    const int* order = layout.order.data();
+    for (int X = 0; X < K; X += block) {
+        int const w = std::min(block, K - X);
+        for (int y = X; y < K; ++y) {
+            double* to = &strip[static_cast<std::size_t>(y) * block];
+            const double* from = P + tri_offset(y) + X;
+            if (y >= X + block - 1 && w == block) {
+                for (int u = 0; u < block; ++u) to[u] = from[u];
+            } else {
+                int const columns = std::min(w, y - X + 1);  // row y holds columns up to y
+                for (int u = 0; u < columns; ++u) to[u] = from[u];
+            }
+        }
+        for (int u = 0; u < w; ++u) {
+            int const x = X + u;
+            const double* row = P + tri_offset(x);
+            const double* column = strip.data() + u;
+            int const p = layout.rank[x];
+            double* out = Q + tri_offset(p);
+            for (int q = 0; q < p; ++q) {
+                int const y = order[q];
+                out[q] = y <= x ? row[y] : column[static_cast<std::size_t>(y) * block];
+            }
+        }
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// The branch sums, with pair(p, q) = P(order[p], order[q]) for q < p.
+template <class Pair>
+KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const double* m, double* both, double* one,
+                              double* work, Pair const& pair) {
     int const n = layout.n_nodes();
     double* W = work;      // ordered-pair sum of P within the node's leaves
     double* S = work + n;  // sum of m over the node's leaves
-    const int* order = layout.order.data();
     for (int v = 0; v < n; ++v) {
         if (v < layout.K) {
             W[v] = P[tri_offset(v) + v];
             S[v] = m[v];
         } else {
             int const a = layout.child_a[v], b = layout.child_b[v];
-            // Pairs with one leaf under each child meet at this node only.
+            // Pairs with one leaf under each child meet at this node only;
+            // a's leaves come before b's in depth-first order. Each row's sum
+            // is serial and the rows are added in order; four rows run side
+            // by side, so the additions overlap without changing their order.
             double cross = 0.0;
-            for (int p = layout.lo[b]; p < layout.hi[b]; ++p) {
-                int const x = order[p];
-                std::size_t const ox = tri_offset(x);
-                double row = 0.0;
-                for (int q = layout.lo[a]; q < layout.hi[a]; ++q) {
-                    int const y = order[q];
-                    row += x > y ? P[ox + y] : P[tri_offset(y) + x];
+            int const qa = layout.lo[a], qb = layout.hi[a];
+            int p = layout.lo[b];
+            for (; p + 4 <= layout.hi[b]; p += 4) {
+                double r0 = 0.0, r1 = 0.0, r2 = 0.0, r3 = 0.0;
+                for (int q = qa; q < qb; ++q) {
+                    r0 += pair(p, q);
+                    r1 += pair(p + 1, q);
+                    r2 += pair(p + 2, q);
+                    r3 += pair(p + 3, q);
                 }
+                cross += r0;
+                cross += r1;
+                cross += r2;
+                cross += r3;
+            }
+            for (; p < layout.hi[b]; ++p) {
+                double row = 0.0;
+                for (int q = qa; q < qb; ++q) row += pair(p, q);
                 cross += row;
             }
             W[v] = (W[a] + W[b]) + 2.0 * cross;
@@ -448,6 +682,24 @@ void branch_probabilities(BranchLayout const& layout, const double* P, const dou
         }
         both[v] = W[v];
         one[v] = 2.0 * (S[v] - W[v]);
+    }
+}
+
+}  // namespace
+
+KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
+                                       double* one, double* work, double* reordered) {
+    if (reordered) {
+        thread_local std::vector<double> strip;
+        reorder_pairs(layout, P, reordered, strip);
+        branch_sums(layout, P, m, both, one, work,
+                    [reordered](int p, int q) { return reordered[tri_offset(p) + q]; });
+    } else {
+        const int* order = layout.order.data();
+        branch_sums(layout, P, m, both, one, work, [P, order](int p, int q) {
+            int const x = order[p], y = order[q];
+            return P[x > y ? tri_offset(x) + y : tri_offset(y) + x];
+        });
     }
 }
 
@@ -494,102 +746,281 @@ Schedule::Schedule(int L_, std::vector<Flank> f) : L(L_), flanks(std::move(f)) {
         if (keep_slot[s] == -2) keep_slot[s] = n_kept++;
 }
 
+// ---- Checkpoints -------------------------------------------------------------
+
+namespace {
+
+// Builds the plan by playing the backward pass's uses through: range(lo, hi, f)
+// makes kept arrays hi, hi-1, ..., lo available in that order, with lo held
+// already (or lo = -1, the start, which takes no slot) and f slots free.
+class Planner {
+public:
+    Planner(int n_kept, int slots) {
+        plan.slots = slots;
+        plan.slot_of.assign(n_kept, -1);
+        plan.sweeps_before.assign(n_kept, 0);
+        for (int k = slots - 1; k >= 0; --k) free_.push_back(k);
+    }
+
+    void range(int lo, int hi, int f) {
+        int const n = hi - lo;
+        if (n == 0) return use(lo);
+        if (n <= f) {  // everything fits: one sweep stores it all
+            std::vector<int> all;
+            for (int k = lo + 1; k <= hi; ++k) all.push_back(k);
+            sweep(lo, hi, all);
+            for (int k = hi; k >= lo; --k) use(k);
+            return;
+        }
+        // Split lo..hi into segments 0..c starting at start[t]; segment t > 0
+        // starts with a checkpoint, and while it is worked on, checkpoints
+        // 1..t are held, so f - t slots are free: it fits in one more sweep
+        // when it has at most f - t + 1 arrays. The top segment is stored
+        // during the sweep that lays the checkpoints.
+        int const total = n + 1;
+        auto capacity = [&](int c) { return (c + 1) * (f + 1) - c * (c + 1) / 2; };
+        int c = 1;
+        while (c < f && capacity(c) < total) ++c;
+        std::vector<int> size(c + 1, 1);
+        bool const fits = capacity(c) >= total;
+        if (fits) {
+            int rest = total;
+            for (int t = c; t >= 1; --t) {
+                size[t] = std::min(f - t + 1, rest - t);
+                rest -= size[t];
+            }
+            size[0] = rest;
+        } else {
+            // Too long for one level: the top segment is its checkpoint
+            // alone (no slot is left for more), the rest is shared by
+            // capacity and split again below.
+            int const shared = total - 1;
+            int weight = 0;
+            for (int t = 0; t < c; ++t) weight += f - t + 1;
+            int given = 0;
+            for (int t = c - 1; t >= 1; --t) {
+                size[t] = std::max(1, static_cast<int>(static_cast<long>(shared) * (f - t + 1) / weight));
+                given += size[t];
+            }
+            size[0] = shared - given;
+            size[c] = 1;
+        }
+        std::vector<int> start(c + 1, lo);
+        for (int t = 1; t <= c; ++t) start[t] = start[t - 1] + size[t - 1];
+        std::vector<int> store(start.begin() + 1, start.end());
+        for (int k = start[c] + 1; k <= hi; ++k) store.push_back(k);
+        sweep(lo, hi, store);
+        for (int k = hi; k >= start[c]; --k) use(k);
+        for (int t = c - 1; t >= 1; --t) range(start[t], start[t + 1] - 1, f - t);
+        range(lo, start[1] - 1, f);
+    }
+
+    CheckpointPlan plan;
+
+private:
+    void sweep(int from, int to, std::vector<int> const& store) {
+        for (int k : store) {
+            plan.slot_of[k] = free_.back();
+            free_.pop_back();
+        }
+        plan.sweeps.push_back({from, to, store});
+    }
+    void use(int k) {
+        if (k < 0) return;
+        plan.sweeps_before[k] = static_cast<int>(plan.sweeps.size());
+        free_.push_back(plan.slot_of[k]);
+    }
+    std::vector<int> free_;
+};
+
+}  // namespace
+
+CheckpointPlan plan_checkpoints(int n_kept, int slots) {
+    Planner planner(n_kept, std::max(slots, 1));
+    if (n_kept > 0) planner.range(-1, n_kept - 1, planner.plan.slots);
+    return std::move(planner.plan);
+}
+
 // ---- Per-individual pipeline -----------------------------------------------
 
-void Workspace::reserve(int K, int n_kept) {
+int Workspace::kept_slots(int K, std::size_t kept_budget) {
+    std::size_t const per = (tri_size(K) + static_cast<std::size_t>(K)) * sizeof(double);
+    std::size_t const slots = per == 0 ? 1 : kept_budget / per;
+    return static_cast<int>(std::max<std::size_t>(1, std::min<std::size_t>(slots, 1 << 20)));
+}
+
+std::size_t Workspace::bytes(int K, Schedule const& schedule, std::size_t kept_budget) {
+    std::size_t const n = tri_size(K), k = static_cast<std::size_t>(K);
+    std::size_t const slots =
+        std::min<std::size_t>(static_cast<std::size_t>(schedule.n_kept), kept_slots(K, kept_budget));
+    // f, b, p; row sums rf x 2, rg x 2, rb, m, scratch (2K).
+    return sizeof(double) * (3 * n + 9 * k + slots * (n + k)) + sizeof(Kept) * slots;
+}
+
+void Workspace::reserve(int K, int slots) {
     std::size_t const n = tri_size(K);
     if (K != K_) {
         K_ = K;
         f_.assign(n, 0.0);
         b_.assign(n, 0.0);
-        g_[0].assign(n, 0.0);
-        g_[1].assign(n, 0.0);
         p_.assign(n, 0.0);
         for (int k = 0; k < 2; ++k) {
             rf_[k].assign(K, 0.0);
             rg_[k].assign(K, 0.0);
         }
+        rb_.assign(K, 0.0);
+        m_.assign(K, 0.0);
         scratch_.assign(2 * static_cast<std::size_t>(K), 0.0);
         kept_.clear();
     }
-    if (kept_.size() < n * n_kept) kept_.resize(n * n_kept);
+    if (static_cast<int>(kept_.size()) < slots) {
+        kept_.resize(slots);
+        for (Kept& x : kept_) {
+            x.F.resize(n);
+            x.R.resize(K);
+        }
+    }
+}
+
+// Forward values from a held array (or the first SNP) up to kept index
+// step.to, in f_, storing the listed kept arrays in their slots.
+// Forward values from a held array (or the first SNP) up to kept index
+// step.to. A step that reaches a kept SNP writes straight into its slot and the
+// next step reads from there; the others work in f_.
+void Workspace::sweep(Panel const& panel, const std::uint8_t* genotypes, CheckpointPlan::Sweep const& step) {
+    int const K = panel.K;
+    std::size_t next = 0;
+    // Where the values of SNP s go: its slot when it is stored, else f_.
+    auto target = [&](int s) -> Kept* {
+        if (next < step.store.size() && kept_snp_[step.store[next]] == s) return &kept_[plan_.slot_of[step.store[next++]]];
+        return nullptr;
+    };
+    auto finish = [&](Kept* k, double total, const double* R) {
+        if (!k) return;
+        std::memcpy(k->R.data(), R, K * sizeof(double));
+        k->total = total;
+        k->rescaled = total < underflow_limit;
+    };
+    int r = 0;
+    const double* Fp;
+    const double* Rp;
+    double total;
+    int s;
+    if (step.from < 0) {
+        s = 0;
+        Kept* const k = target(0);
+        double* const F = k ? k->F.data() : f_.data();
+        total = forward_first(K, panel.h(0), panel.emission[genotypes[0]], F, rf_[r].data());
+        ++forward_steps_;
+        finish(k, total, rf_[r].data());
+        if (k) k->rescaled = false;  // the first SNP is never rescaled
+        Fp = F;
+    } else {
+        Kept const& from = kept_[plan_.slot_of[step.from]];
+        s = kept_snp_[step.from];
+        Fp = from.F.data();
+        Rp = from.R.data();
+        total = from.total;
+        std::memcpy(rf_[r].data(), from.R.data(), K * sizeof(double));
+    }
+    Rp = rf_[r].data();
+    int const last = kept_snp_[step.to];
+    while (s < last) {
+        ++s;
+        Kept* const k = target(s);
+        double* const F = k ? k->F.data() : f_.data();
+        total = forward_step(K, panel.stay[s], panel.jump[s], Fp, Rp, total, panel.h(s),
+                             panel.emission[genotypes[s]], F, rf_[1 - r].data());
+        ++forward_steps_;
+        r = 1 - r;
+        finish(k, total, rf_[r].data());
+        Fp = F;
+        Rp = rf_[r].data();
+    }
 }
 
 void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uint8_t* genotypes,
                     PosteriorSink sink) {
     int const K = panel.K, L = panel.L;
-    if (L == 0 || K == 0) return;
+    forward_steps_ = 0;
+    if (L == 0 || K == 0 || schedule.flanks.empty()) return;
     if (schedule.L != L) throw std::invalid_argument("schedule does not match the panel");
-    reserve(K, schedule.n_kept);
-    std::size_t const n = tri_size(K);
-    double* F = f_.data();
+    // Positions in the order the backward pass finishes them: by right flank
+    // descending, then by left flank descending, so that the kept arrays are
+    // used in descending order, as the checkpoint plan needs. Flanks that do
+    // not allow that order (only made up ones) keep every array.
+    visit_.assign(schedule.by_right.begin(), schedule.by_right.end());
+    bool descending = true;
+    int previous = L;
+    for (int s = L - 1; s >= 0; --s) {
+        auto const first = visit_.begin() + schedule.by_right_start[s];
+        auto const last = visit_.begin() + schedule.by_right_start[s + 1];
+        std::stable_sort(first, last, [&](int a, int b) { return schedule.flanks[a].left > schedule.flanks[b].left; });
+        for (auto it = first; it != last; ++it) {
+            descending = descending && schedule.flanks[*it].left <= previous;
+            previous = schedule.flanks[*it].left;
+        }
+    }
+    carried_.assign(L, false);
+    for (Flank const& f : schedule.flanks)
+        if (f.left_distance != 0.0 && f.right_distance != 0.0) carried_[f.right] = true;
+    int const slots = descending ? std::min(schedule.n_kept, kept_slots(K, kept_budget_)) : schedule.n_kept;
+    plan_ = plan_checkpoints(schedule.n_kept, slots);
+    kept_snp_.assign(schedule.n_kept, 0);
+    for (int s = 0; s < L; ++s)
+        if (schedule.keep_slot[s] >= 0) kept_snp_[schedule.keep_slot[s]] = s;
+    reserve(K, plan_.slots);
     double* B = b_.data();
     auto ecol = [&](int s) { return panel.emission[genotypes[s]]; };
-    auto keep = [&](int s) {
-        if (schedule.keep_slot[s] >= 0) std::memcpy(&kept_[n * schedule.keep_slot[s]], F, n * sizeof(double));
+
+    // Kept forward arrays are used in descending order; the sweeps that make
+    // each available run when the pass first needs it.
+    std::size_t sweeps_done = 0;
+    auto kept = [&](int snp) -> Kept const& {
+        int const k = schedule.keep_slot[snp];
+        while (static_cast<int>(sweeps_done) < plan_.sweeps_before[k])
+            sweep(panel, genotypes, plan_.sweeps[sweeps_done++]);
+        return kept_[plan_.slot_of[k]];
     };
 
-    // Forward in place, keeping the arrays of left flanks after their rescaling.
-    int r = 0;
-    double total = forward_first(K, panel.h(0), ecol(0), F, rf_[r].data());
-    keep(0);
-    for (int s = 1; s < L; ++s) {
-        total = forward_step(K, panel.stay[s], panel.jump[s], F, rf_[r].data(), total, panel.h(s), ecol(s), F,
-                             rf_[1 - r].data());
-        r = 1 - r;
-        keep(s);
-    }
-
-    // Backward on G = E * B. B_s is formed only where a position needs it or
-    // its rescaling does; it is final once that rescaling (made for the step
-    // to s - 1) is done, so the positions with right flank s are finished
-    // right after the step from s + 1 to s.
+    // Backward in place on B; the positions with right flank s are finished
+    // once B_s is final, that is after its rescaling. Row sums of B are formed
+    // only for positions between SNPs, once per SNP.
+    bool b_sums = false;
+    double tb = 0.0;
+    double* m = sink.wants_haplotypes() ? m_.data() : nullptr;
     auto finish = [&](int s) {
         for (int k = schedule.by_right_start[s]; k < schedule.by_right_start[s + 1]; ++k) {
-            int const p = schedule.by_right[k];
+            int const p = visit_[k];
             Flank const& f = schedule.flanks[p];
-            posterior(K, f.rate, f.left_distance, f.right_distance, &kept_[n * schedule.keep_slot[f.left]], B,
-                      p_.data(), scratch_.data());
-            sink(p, p_.data());
+            Kept const& x = kept(f.left);
+            bool const carried = f.left_distance != 0.0 && f.right_distance != 0.0;
+            if (carried && !b_sums) {
+                tb = row_sums(K, B, rb_.data());
+                b_sums = true;
+            }
+            posterior_from(K, f.rate, f.left_distance, f.right_distance, x.F.data(),
+                           x.rescaled ? nullptr : x.R.data(), x.total, B, rb_.data(), tb, p_.data(),
+                           scratch_.data(), m);
+            sink(p, p_.data(), m);
         }
     };
     auto has_positions = [&](int s) { return schedule.by_right_start[s] < schedule.by_right_start[s + 1]; };
-    int g = 0;
-    r = 0;
-    std::fill(B, B + n, 1.0);
-    double tg = 0.0;
-    if (L > 1) {
-        tg = weighted(K, B, panel.h(L - 1), ecol(L - 1), g_[g].data(), rg_[r].data());
-        if (tg < underflow_limit) {
-            divide(n, B, tg);
-            divide(static_cast<std::size_t>(K), rg_[r].data(), tg);
-            weighted(K, B, panel.h(L - 1), ecol(L - 1), g_[g].data(), rg_[1 - r].data());
-            tg = 1.0;
-        }
-    }
+    int lowest = 0;  // no B below the lowest right flank is needed
+    while (!has_positions(lowest)) ++lowest;
+    int r = 0;
+    double tg = backward_last(K, panel.h(L - 1), ecol(L - 1), B, rg_[r].data(), L > 1);
     finish(L - 1);
-    for (int s = L - 2; s >= 0; --s) {
-        double const stay = panel.stay[s + 1], jump = panel.jump[s + 1];
-        const double* Gn = g_[g].data();
-        const double* Rg = rg_[r].data();
-        double t = 0.0;
-        bool rescale = false;
-        if (s > 0) {
-            t = gamma_step(K, stay, jump, Gn, Rg, tg, panel.h(s), ecol(s), g_[1 - g].data(), rg_[1 - r].data());
-            rescale = t < underflow_limit;
-        }
-        if (rescale || has_positions(s)) backward_from_gamma(K, stay, jump, Gn, Rg, tg, B);
-        if (rescale) {
-            divide(n, B, t);
-            divide(static_cast<std::size_t>(K), rg_[1 - r].data(), t);
-            // Rg is spent: its buffer takes the sums that this pass does not need.
-            weighted(K, B, panel.h(s), ecol(s), g_[1 - g].data(), rg_[r].data());
-            t = 1.0;
-        }
-        finish(s);
-        g = 1 - g;
+    for (int s = L - 2; s >= lowest; --s) {
+        // B's row sums come with the step where a position between SNPs needs them.
+        bool const sums = carried_[s];
+        bool rescaled;
+        tg = backward_step_sums(K, panel.stay[s + 1], panel.jump[s + 1], B, panel.h(s + 1), ecol(s + 1),
+                                rg_[r].data(), tg, panel.h(s), ecol(s), B, rg_[1 - r].data(), s > 0,
+                                sums ? rb_.data() : nullptr, tb, rescaled);
         r = 1 - r;
-        tg = t;
+        b_sums = sums && !rescaled;
+        finish(s);
     }
 }
 

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -60,17 +61,18 @@ double backward_last(int K, const double* h, const double* ecol, double* B, doub
 // One backward step into SNP s from SNP s+1: Bn, hn, ecoln are SNP s+1's
 // backward values, alleles and emission column, Rg and Tg the row sums and
 // total of E_{s+1} * Bn, stay and jump SNP s+1's switch rates. Writes B_s to B
-// (which may be Bn itself). With want_gamma (s is not the first SNP), also
-// returns the total of E_s * B_s with its row sums in Rg_out (distinct from
-// Rg), after the same rescaling as backward_last, which divides B in place.
+// (which may be Bn itself: the per-individual pipeline runs it in place). With
+// want_gamma (s is not the first SNP), also returns the total of E_s * B_s
+// with its row sums in Rg_out (distinct from Rg), after the same rescaling as
+// backward_last, which divides B in place.
 double backward_step(int K, double stay, double jump, const double* Bn, const double* hn, const double* ecoln,
                      const double* Rg, double Tg, const double* h, const double* ecol, double* B, double* Rg_out,
                      bool want_gamma);
 
-// The same backward recursion carried on G = E_s * B_s instead of B_s, as
-// the per-individual pipeline runs it (one load and one store per entry). The
-// values equal those of backward_step bit for bit: the step reads the same
-// product E_{s+1} * B_{s+1} either way.
+// The same backward recursion carried on G = E_s * B_s instead of B_s (one
+// load and one store per entry, but two arrays in turn). The values equal
+// those of backward_step bit for bit: the step reads the same product
+// E_{s+1} * B_{s+1} either way.
 //
 // weighted: row sums R and total of E * B; G = E * B when G is not null.
 double weighted(int K, const double* B, const double* h, const double* ecol, double* G, double* R);
@@ -80,8 +82,11 @@ double gamma_step(int K, double stay, double jump, const double* Gn, const doubl
                   const double* ecol, double* G, double* Rg_out);
 // B_s = transition of Gn = E_{s+1} * B_{s+1}, no emission. When the total of
 // gamma_step is below the limit, the caller forms B_s with this, divides B_s
-// and the row sums by the total, and forms G_s again with weighted.
-void backward_from_gamma(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg, double* B);
+// and the row sums by the total, and forms G_s again with weighted. When R is
+// not null, also writes B_s's row sums there (those row_sums gives) and
+// returns its total; otherwise returns 0.
+double backward_from_gamma(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg,
+                           double* B, double* R = nullptr);
 
 // ---- Posterior -------------------------------------------------------------
 
@@ -89,9 +94,10 @@ void backward_from_gamma(int K, double stay, double jump, const double* Gn, cons
 // right flank's backward values B. Unless a distance is 0, each array is first
 // carried to the position by one transition step with e = exp(-rate*d/K),
 // jump = (1-e)/K, stay = e + jump. Then P = F*B, divided by its total.
-// scratch must hold 2K doubles.
+// scratch must hold 2K doubles. When m is not null, it also receives the
+// haplotype probabilities of P (as haplotype_probabilities gives them).
 void posterior(int K, double rate, double left_distance, double right_distance, const double* F,
-               const double* B, double* P, double* scratch);
+               const double* B, double* P, double* scratch, double* m = nullptr);
 
 // Switch rates {stay, jump} that carry values over a distance to a position:
 // e = exp(-rate*distance/K), jump = (1-e)/K, stay = e + jump.
@@ -111,6 +117,7 @@ struct BranchLayout {
     std::vector<int> child_a, child_b;  // per node; -1 for a leaf
     std::vector<int> lo, hi;            // leaves of a node: order[lo .. hi)
     std::vector<int> order;             // leaves in depth-first order
+    std::vector<int> rank;              // per leaf: its place in order
 
     BranchLayout() = default;
     // child_a / child_b per node id; throws std::invalid_argument when they do
@@ -122,9 +129,12 @@ struct BranchLayout {
 // For every node of the layout: both[n] = probability that both copies descend
 // from the node's branch, one[n] = probability that exactly one does. P is the
 // pair posterior, m its haplotype probabilities. work must hold 2 * n_nodes
-// doubles. O(K^2) for the whole tree.
+// doubles. O(K^2) for the whole tree. With reordered (K(K+1)/2 doubles), P is
+// first copied there in depth-first leaf order, so that the sums read memory
+// in sequence rather than at random: much faster once P outgrows the caches,
+// with the same bits.
 void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
-                          double* one, double* work);
+                          double* one, double* work, double* reordered = nullptr);
 
 // ---- Panel and per-individual pipeline --------------------------------------
 
@@ -173,34 +183,96 @@ struct Schedule {
 };
 
 // Receives each position's pair posterior (index into the schedule's flanks).
+// A receiver that takes a third pointer also gets the position's haplotype
+// probabilities (K values, those of haplotype_probabilities), which the
+// pipeline forms in the same pass that normalises the posterior.
 class PosteriorSink {
 public:
     template <class F>
-    PosteriorSink(F& f) : object_(&f), call_([](void* o, int p, const double* P) { (*static_cast<F*>(o))(p, P); }) {}
-    void operator()(int p, const double* P) const { call_(object_, p, P); }
+    PosteriorSink(F& f)
+        : object_(&f), wants_haplotypes_(std::is_invocable_v<F&, int, const double*, const double*>),
+          call_([](void* o, int p, const double* P, const double* m) {
+              if constexpr (std::is_invocable_v<F&, int, const double*, const double*>)
+                  (*static_cast<F*>(o))(p, P, m);
+              else
+                  (*static_cast<F*>(o))(p, P);
+          }) {}
+    void operator()(int p, const double* P, const double* m = nullptr) const { call_(object_, p, P, m); }
+    bool wants_haplotypes() const { return wants_haplotypes_; }
 
 private:
     void* object_;
-    void (*call_)(void*, int, const double*);
+    bool wants_haplotypes_;
+    void (*call_)(void*, int, const double*, const double*);
 };
 
+// Memory a Workspace may spend per thread on kept forward arrays, unless told
+// otherwise. Beyond it, forward arrays are kept only at some positions and
+// recomputed from there when the backward pass reaches them.
+constexpr std::size_t default_kept_budget = std::size_t(768) << 20;
+
+// Which kept forward arrays (indices 0 .. n_kept-1, ascending by SNP) are
+// stored when, for a given number of storage slots. The backward pass uses them
+// in descending order; a sweep recomputes the forward values from an array
+// that is held (or from the first SNP, from = -1) up to kept index `to`,
+// storing the listed ones. Every kept index is stored exactly once, in
+// slot_of[k], by the time sweeps_before[k] sweeps have run, and stays there
+// until the pass has gone below it.
+struct CheckpointPlan {
+    struct Sweep {
+        int from = -1, to = -1;
+        std::vector<int> store;  // kept indices, ascending
+    };
+    int slots = 0;
+    std::vector<int> slot_of, sweeps_before;
+    std::vector<Sweep> sweeps;
+};
+// slots >= 1 (fewer are raised to one). With n_kept <= slots this is one sweep
+// that stores everything, as if there were no budget.
+CheckpointPlan plan_checkpoints(int n_kept, int slots);
+
 // Per-thread buffers for one individual at a time; grown on first use and
-// reused afterwards. Memory: one pair array per kept forward flank plus five
-// working pair arrays, independent of the number of SNPs.
+// reused afterwards. Memory: up to kept_budget bytes of kept forward arrays
+// (at least one array) plus three working pair arrays, independent of the
+// number of SNPs.
 class Workspace {
 public:
+    explicit Workspace(std::size_t kept_budget = default_kept_budget) : kept_budget_(kept_budget) {}
+
     // Runs both passes for one individual's genotype codes (L values) and
     // hands every position's posterior to sink, in the order the backward pass
-    // reaches them. The results are those of full storage, bit for bit.
+    // reaches them. The results are those of full storage, bit for bit,
+    // whatever the budget.
     void run(Panel const& panel, Schedule const& schedule, const std::uint8_t* genotypes, PosteriorSink sink);
 
+    // Bytes a workspace with this budget holds for K haplotypes and schedule.
+    static std::size_t bytes(int K, Schedule const& schedule, std::size_t kept_budget = default_kept_budget);
+    // Forward arrays it can keep at once for K haplotypes (at least one).
+    static int kept_slots(int K, std::size_t kept_budget);
+    // Forward steps taken by the last run (recomputation included).
+    long forward_steps() const { return forward_steps_; }
+
 private:
-    void reserve(int K, int n_kept);
+    struct Kept {  // one stored forward array with the state the next step needs
+        std::vector<double> F, R;
+        double total = 0.0;
+        bool rescaled = false;  // F and R were divided by total
+    };
+    void reserve(int K, int slots);
+    void sweep(Panel const& panel, const std::uint8_t* genotypes, CheckpointPlan::Sweep const& step);
+
+    std::size_t kept_budget_;
     int K_ = -1;
     std::vector<double> f_, rf_[2];  // forward values (updated in place) and row sums
-    std::vector<double> kept_;       // n_kept forward arrays
-    std::vector<double> b_, g_[2], rg_[2];  // backward values, E * B (rolling) and its row sums
-    std::vector<double> p_, scratch_;
+    std::vector<Kept> kept_;         // storage slots for forward arrays
+    CheckpointPlan plan_;
+    std::vector<int> kept_snp_;  // kept index -> SNP
+    std::vector<int> visit_;     // positions in the order they are finished
+    std::vector<bool> carried_;  // per SNP: right flank of a position between SNPs
+    std::vector<double> b_, rg_[2];  // backward values (updated in place), row sums of E * B
+    std::vector<double> rb_;         // row sums of B where known
+    std::vector<double> p_, m_, scratch_;
+    long forward_steps_ = 0;
 };
 
 }  // namespace hmm_kernel

@@ -36,16 +36,13 @@ int parse_position_trees(HMM& run, std::map<double, HMM::matrix_data>& positions
     trees.clear();
     for (auto& entry : positions) {
         HMM::matrix_data& position = entry.second;
-        run.read_tree(position.tree, position.nodes, K);
+        // The per-branch sums work from the nodes' children: no leaf sets.
+        run.read_tree(position.tree, position.nodes, K, false);
         position_tree tree;
         for (auto& n : position.nodes) {
             double const length = n.second.branch_length;
             if (length > 0) tree.marked.push_back(n.first);
             else if (length != 0 && failing < 0) failing = static_cast<int>(trees.size());
-            // The per-branch sums work from the nodes' children; the leaf sets
-            // (K entries per node, 2K nodes per tree) would be the largest store.
-            n.second.leaves_below.clear();
-            n.second.leaves_outside.clear();
         }
         tree.layout = make_branch_layout(position.nodes, K);
         trees.push_back(std::move(tree));

@@ -152,7 +152,9 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     size.L = panel.L;
     size.N = N;
     size.positions = static_cast<int>(outputs.size());
-    size.kept_forward_arrays = schedule.n_kept;
+    // Beyond the workspace's budget, forward arrays are recomputed, not kept.
+    size.kept_forward_arrays =
+        std::min(schedule.n_kept, hmm_kernel::Workspace::kept_slots(K, hmm_kernel::default_kept_budget));
     size.threads = threads;
     size.record_values = layout.record_size();
     check_memory(estimate_peak_memory(size), available_memory(), threads, parameters.strict, std::cout);

@@ -1,6 +1,7 @@
 #include "trees/tree.h"
 
 #include <sstream>
+#include <vector>
 
 const std::string BadTreeDataException::m_message = "Bad tree data encountered at ";
 
@@ -22,26 +23,55 @@ tree_node* find_node(tree_nodes& tree, int id) {
 
 }  // namespace
 
-void parse_tree(std::string const& text, tree_nodes& tree, int leaves) {
-    tree.clear();
-    std::istringstream in(text);
+namespace {
 
-    // Header: "<position> <unused>;<n>;". The separators must follow the
-    // number directly: get() does not skip blanks.
+// Reads "<position> <unused>;<n>;" and checks n; returns the position.
+double read_header(std::istringstream& in, int leaves, int& n) {
+    // The separators must follow the number directly: get() does not skip blanks.
     double position = 0.0;
     double unused = 0.0;
     char separator = '\0';
     in >> position >> unused;
     in.get(separator);
     if (!in || separator != ';') throw BadTreeDataException(position, "expected ; not found.");
-
-    int n = 0;
+    n = 0;
     in >> n;
     // Checked before anything is allocated, so a corrupt count cannot size the tree.
     if (!in || n != leaves) throw BadTreeDataException(position, "tree does not have the required number of leaves.");
     separator = '\0';
     in.get(separator);
     if (!in || separator != ';') throw BadTreeDataException(position, "expected ; not found.");
+    return position;
+}
+
+// Reads the next merge "a b" and its separator; false when only blanks are
+// left (the merge list stopped without its closing ";", for instance right
+// after a ","; the lineage count reports it).
+bool read_merge(std::istringstream& in, double position, int& a, int& b, char& separator) {
+    in >> std::ws;
+    if (in.peek() == std::char_traits<char>::eof()) return false;
+    separator = '\0';
+    in >> a >> b;
+    in.get(separator);
+    if (!in || (separator != ';' && separator != ','))
+        throw BadTreeDataException(position, "expected ; or , not found.");
+    return true;
+}
+
+// Expected coalescent waiting time with k lineages: 2 / (k (k - 1)).
+void join(tree_node& a, tree_node& b, double& time, double k) {
+    time += 2.0 / (k * (k - 1.0));
+    a.parent_time = time;
+    a.branch_length = time - a.time;
+    b.parent_time = time;
+    b.branch_length = time - b.time;
+}
+
+void parse_with_leaf_sets(std::string const& text, tree_nodes& tree, int leaves) {
+    tree.clear();
+    std::istringstream in(text);
+    int n = 0;
+    double const position = read_header(in, leaves, n);
 
     std::set<int> active;  // node ids not merged yet
     for (int i = 0; i < n; ++i) {
@@ -54,33 +84,14 @@ void parse_tree(std::string const& text, tree_nodes& tree, int leaves) {
 
     double time = 0.0;
     int next_id = n;
-    for (;;) {
-        int a = 0;
-        int b = 0;
-        // Nothing but blanks left: the merge list stopped without its closing
-        // ";" (for instance right after a ","); the lineage count below
-        // reports it. Anything else must be a whole merge.
-        in >> std::ws;
-        if (in.peek() == std::char_traits<char>::eof()) break;
-        separator = '\0';
-        in >> a >> b;
-        in.get(separator);
-        if (!in || (separator != ';' && separator != ','))
-            throw BadTreeDataException(position, "expected ; or , not found.");
-
+    int a = 0, b = 0;
+    char separator = '\0';
+    while (read_merge(in, position, a, b, separator)) {
         tree_node* node_b = find_node(tree, b);
         tree_node* node_a = find_node(tree, a);
         if (node_a == nullptr || node_b == nullptr)
             throw BadTreeDataException(position, "error with tree topology, can't find branch in read_tree.");
-
-        // Expected coalescent waiting time with k lineages: 2 / (k (k - 1)).
-        double const k = static_cast<double>(active.size());
-        time += 2.0 / (k * (k - 1.0));
-
-        node_a->parent_time = time;
-        node_a->branch_length = time - node_a->time;
-        node_b->parent_time = time;
-        node_b->branch_length = time - node_b->time;
+        join(*node_a, *node_b, time, static_cast<double>(active.size()));
 
         tree_node merged;
         merged.time = time;
@@ -103,5 +114,47 @@ void parse_tree(std::string const& text, tree_nodes& tree, int leaves) {
     }
 
     if (active.size() != 1)
+        throw BadTreeDataException(position, "error with one of the trees: does not reach the mrca.");
+}
+
+}  // namespace
+
+void parse_tree(std::string const& text, tree_nodes& tree, int leaves, bool leaf_sets) {
+    if (leaf_sets) return parse_with_leaf_sets(text, tree, leaves);
+    tree.clear();
+    std::istringstream in(text);
+    int n = 0;
+    double const position = read_header(in, leaves, n);
+    auto hint = tree.end();
+    for (int i = 0; i < n; ++i) hint = tree.emplace_hint(hint, i, tree_node());
+    std::vector<bool> merged(n, false);  // per node id: merged into a parent already
+
+    // While every merge joins two distinct lineages that are still open, the
+    // nodes form a forest whose roots have disjoint leaf sets, so no leaf set
+    // is needed: the lineage count is n minus the merges. A merge that reuses
+    // a node breaks that; the text is then malformed (a reused node either
+    // shares a leaf with a later merge or leaves more than one lineage), and
+    // the full parse gives the error it reaches first.
+    double time = 0.0;
+    int next_id = n;
+    int a = 0, b = 0;
+    char separator = '\0';
+    while (read_merge(in, position, a, b, separator)) {
+        tree_node* node_b = find_node(tree, b);
+        tree_node* node_a = find_node(tree, a);
+        if (node_a == nullptr || node_b == nullptr)
+            throw BadTreeDataException(position, "error with tree topology, can't find branch in read_tree.");
+        if (a == b || merged[a - 1] || merged[b - 1]) return parse_with_leaf_sets(text, tree, leaves);
+        join(*node_a, *node_b, time, static_cast<double>(n - (next_id - n)));
+        merged[a - 1] = merged[b - 1] = true;
+        merged.push_back(false);
+        tree_node node;
+        node.time = time;
+        node.child_a = a - 1;
+        node.child_b = b - 1;
+        tree.emplace_hint(tree.end(), next_id++, node);
+        if (separator == ';') break;
+    }
+    if (n - (next_id - n) != 1)
         throw BadTreeDataException(position, "error with one of the trees: does not reach the mrca.");
 }
