@@ -46,7 +46,36 @@ for f in "$example"/args*.txt; do
 done
 printf -- '-int\0-1\0005\0-Ne\0nan\0-strict\0-nee\0-help' | seed command_line strict
 
-targets=(tree_parser tree_map genotypes panel genetic_map strand samples snp_exclusions command_line)
+# Partial results: a split of the small data into two chunks, by the build's
+# own program; the header piece is the merging run's individuals and layout,
+# and the fingerprint and the index checksum become the placeholders the
+# target fills in.
+split_run() {  # split_run NAME EXTRA-FLAGS...
+    local name=$1 work="$build/split-$1"
+    shift
+    rm -rf "$work" && mkdir -p "$work"
+    cp "$small"/{ref.hap,ref.legend,map.txt,study.gen,trees.txt} "$work"
+    for i in 1 2; do
+        (cd "$work" && "../ketra" -h ref.hap -l ref.legend -m map.txt -g study.gen -tree_file trees.txt \
+            -int 900 2000 -buffer 0 -tavlo_input "$@" -chunk $i 2 -o run >/dev/null)
+    done
+    {
+        awk '/^individuals/ { n = $2 } /^layout/ { printf "%s %s %s", n, $2, $3; for (f = 5; f <= NF; f++) printf " %s", $f }' \
+            "$work/run.chunk1of2.part"
+        for f in run.chunk1of2.part run.chunk2of2.part; do
+            printf '\0==file==\0%s\n' "$f"
+            sed 's/^fingerprint .*/fingerprint FINGERPRINT/; s/^checksum .*/checksum CHECKSUM/' "$work/$f"
+            for r in "$work/$f".*; do
+                printf '\0==file==\0%s\n' "$(basename "$r")"
+                cat "$r"
+            done
+        done
+    } | seed partial_results "$name"
+}
+split_run positions
+split_run one_position -int 1200 1300
+
+targets=(tree_parser tree_map genotypes panel genetic_map strand samples snp_exclusions command_line partial_results)
 status=0
 run_target() {
     local t=$1 corpus="$build/corpus/$1"

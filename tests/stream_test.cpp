@@ -143,6 +143,10 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
          "partial results made by another command line or from other input files"},
         {"chunk of another split", [&] { fs::copy_file(dir.file("s/run.chunk1of2.part"), part2, fs::copy_option::overwrite_if_exists); },
          "partial results belong to chunk 1 of 2, not 2 of 2"},
+        {"bit flipped in a record", [&] { std::string d = data; d[d.size() / 2] ^= 4; ketra_test::write_file(data0, d); },
+         "run.chunk2of2.part.0: partial results are damaged (run it again with -chunk 2 2)"},
+        {"listing damaged", [&] { std::string i = index; i.replace(i.find("files 1"), 7, "files 2"); ketra_test::write_file(part2, i); },
+         "run.chunk2of2.part: partial results are damaged (run it again with -chunk 2 2)"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.what);

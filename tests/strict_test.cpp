@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <random>
 
 #include <boost/filesystem/operations.hpp>
@@ -49,6 +50,11 @@ void prepare_inputs(TempDir const& dir) {
     write_gz_file(dir.file("z_strand.txt"), "1000 -\n");
     write_gz_file(dir.file("z_ids.txt"), "rs1\n");
     fs::create_directories(dir.path() / "auxdir" / "run.aux");
+    // Result files that cannot be opened: a folder, not empty (a run removes old
+    // .full_matrix files), stands under their names.
+    for (char const* blocked : {"gzdir/run.gz", "pardodir/run.1250.pardo", "pardodir/run.1250.pardo.gz",
+                                "fulldir/run.1250.full_matrix"})
+        fs::create_directories(dir.path() / blocked / "kept");
     write_file(dir.file("blocker"), "a file where the output folder should go\n");
     std::string trees = read_file(small_dir + "trees.txt");
     trees.replace(trees.find("1250 0;4;2 4,1 3,5 6;"), 21, "1250 0;4;2 4,1 9,5 6;");
@@ -107,6 +113,14 @@ TEST(Strict, EveryFailureIsNonZeroWhileTheDefaultRunKeepsItsOutcome) {
          "Bad tree data encountered at 1250", "Bad tree data encountered at 1250"},
         {"aux file cannot be written", with(base, "-o", "auxdir/run"), true, "Warning can't write aux file: auxdir/run.aux\n",
          "Error writing file auxdir/run.aux: Is a directory\n"},
+        {"gzip matrix file cannot be opened", with(base, "-o", "gzdir/run.gz"), true, "",
+         "Error writing file gzdir/run.gz: Is a directory\n"},
+        {"pardo file cannot be opened", plus(with(base, "-o", "pardodir/run"), {"-tavlo_input"}), true, "",
+         "Error writing file pardodir/run.1250.pardo: Is a directory\n"},
+        {"compressed pardo file cannot be opened", plus(with(base, "-o", "pardodir/run"), {"-tavlo_input", "-pardo_gz"}),
+         true, "", "Error writing file pardodir/run.1250.pardo.gz: Is a directory\n"},
+        {".full_matrix file cannot be opened", plus(with(base, "-o", "fulldir/run"), {"-print_matrix"}), true, "",
+         "Error writing file fulldir/run.1250.full_matrix: Is a directory\n"},
         {"output folder cannot be created", with(base, "-o", "blocker/sub/run"), false, "",
          "Error while processing the command line and creating the output directory: file system error: "},
     };
@@ -167,51 +181,75 @@ TEST(Strict, ValidRunsGiveTheDefaultRunsConsoleAndFiles) {
 }
 
 // Runs killed at random moments leave, under their final names, only whole
-// files: the ones written through output_file (.aux, .snp_info.txt).
+// files: each is the uninterrupted run's file, or a chunk index as written
+// before its passes (no record files yet, not marked complete).
 TEST(Strict, KilledRunsLeaveNoPartFileUnderAFinalName) {
     TempDir dir;
     fs::path const example = fs::path(source_dir()) / "examples" / "chr20-small";
     for (auto const& entry : fs::directory_iterator(example))
         if (fs::is_regular_file(entry.path())) fs::copy_file(entry.path(), dir.path() / entry.path().filename());
-    std::vector<std::string> args = {KETRA_BINARY, "-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g",
-                                     "study.gen.gz", "-tree_file", "trees.txt", "-int", "1350000", "1395000",
-                                     "-buffer", "15", "-snp_info", "-strict", "-o", "whole/run"};
-    std::vector<std::string> const checked = {"run.aux", "run.snp_info.txt"};
-    auto const reference = run_ketra(std::vector<std::string>(args.begin() + 1, args.end()), dir.path().string());
-    ASSERT_EQ(reference.status, 0);
-
+    std::vector<std::string> const common = {KETRA_BINARY, "-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g",
+                                             "study.gen.gz", "-tree_file", "trees.txt", "-buffer", "15", "-strict"};
+    std::vector<std::vector<std::string>> const runs = {
+        {"-int", "1350000", "1395000", "-snp_info", "-tavlo_input", "-o", "killed/run"},
+        {"-int", "1350000", "1395000", "-tavlo_input", "-pardo_gz", "-o", "killed/run.gz"},
+        {"-int", "1350000", "1356000", "-print_matrix", "-o", "killed/run"},
+        {"-int", "1350000", "1395000", "-tavlo_input", "-print_matrix", "-chunk", "1", "2", "-o", "killed/run"},
+    };
     std::mt19937 rng(12345);
-    args.back() = "killed/run";
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
     int partial_runs = 0;
-    for (int round = 0; round < 12; ++round) {
+    for (auto const& extra : runs) {
+        std::vector<std::string> args = plus(common, extra);
+        SCOPED_TRACE(args.back() + (extra[3] == "-snp_info" ? "" : " " + extra[3] + " " + extra[4]));
+        // The reference is made under the same command line (partial results
+        // and the .aux file hold it), then moved aside.
         fs::remove_all(dir.path() / "killed");
-        pid_t const child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            if (chdir(dir.path().c_str()) != 0) _exit(127);
-            if (!freopen("/dev/null", "w", stdout)) _exit(127);
-            execv(KETRA_BINARY, argv.data());
-            _exit(127);
-        }
-        usleep(std::uniform_int_distribution<int>(0, 400000)(rng));
-        kill(child, SIGKILL);
-        int status = 0;
-        waitpid(child, &status, 0);
-        if (WIFSIGNALED(status)) ++partial_runs;
-        for (auto const& name : checked) {
-            std::string const path = dir.file("killed/" + name);
-            if (!file_exists(path)) continue;
-            std::string content = read_file(path);
-            std::string expected = read_file(dir.file("whole/" + name));
-            // The .aux file echoes the output path.
-            for (std::string* text : {&content, &expected}) {
-                for (std::size_t at; (at = text->find("killed/run")) != std::string::npos;) text->replace(at, 10, "X");
-                for (std::size_t at; (at = text->find("whole/run")) != std::string::npos;) text->replace(at, 9, "X");
+        fs::remove_all(dir.path() / "whole");
+        auto const start = std::chrono::steady_clock::now();
+        auto const reference = run_ketra(std::vector<std::string>(args.begin() + 1, args.end()), dir.path().string());
+        auto const took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+        ASSERT_EQ(reference.status, 0) << reference.out;
+        fs::rename(dir.path() / "killed", dir.path() / "whole");
+
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        for (int round = 0; round < 4; ++round) {
+            fs::remove_all(dir.path() / "killed");
+            pid_t const child = fork();
+            ASSERT_GE(child, 0);
+            if (child == 0) {
+                if (chdir(dir.path().c_str()) != 0) _exit(127);
+                if (!freopen("/dev/null", "w", stdout)) _exit(127);
+                execv(KETRA_BINARY, argv.data());
+                _exit(127);
             }
-            EXPECT_EQ(content, expected) << name << " in round " << round;
+            usleep(std::uniform_int_distribution<int>(0, static_cast<int>(took.count() * 6 / 5))(rng));
+            kill(child, SIGKILL);
+            int status = 0;
+            waitpid(child, &status, 0);
+            if (WIFSIGNALED(status)) ++partial_runs;
+            if (!fs::exists(dir.path() / "killed")) continue;
+            for (auto const& entry : fs::directory_iterator(dir.path() / "killed")) {
+                std::string const name = entry.path().filename().string();
+                // Temporary names start with a dot; the work folder goes with the run.
+                if (name[0] == '.' || !fs::is_regular_file(entry.path())) continue;
+                std::string const whole = dir.file("whole/" + name);
+                ASSERT_TRUE(file_exists(whole)) << name << " in round " << round;
+                std::string const content = read_file(entry.path().string()), expected = read_file(whole);
+                if (content == expected) continue;
+                // A chunk index as written before the passes: no record files,
+                // its checksum line, and not complete.
+                std::size_t at = 0;
+                for (int line = 0; line < 5 && at != std::string::npos; ++line) at = expected.find('\n', at + 1);
+                bool const before_passes = name.size() > 5 && name.substr(name.size() - 5) == ".part" &&
+                                           at != std::string::npos &&
+                                           content.compare(0, at + 1, expected, 0, at + 1) == 0 &&
+                                           content.compare(at + 1, 17, "files 0\nchecksum ") == 0 &&
+                                           content.size() == at + 1 + 8 + 18 && content.back() == '\n';
+                EXPECT_TRUE(before_passes) << name << " in round " << round << ": " << content.size() << " bytes against "
+                                           << expected.size();
+            }
         }
     }
     EXPECT_GT(partial_runs, 0) << "no run was stopped before its end";

@@ -6,6 +6,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <random>
 
 #include <boost/filesystem/operations.hpp>
@@ -139,29 +140,68 @@ TEST(OutputFile, InWholeFilesModeTheFinalNameAppearsOnlyWhenComplete) {
     }());
 }
 
+// The run's output files, each in turn on a full device (/dev/full) and, where
+// mounting is allowed, on a full file system (a file of a full tmpfs bound
+// over the output's name).
 TEST(WriteErrors, RunReportsTheFileAndReasonWithoutDoneAndNonZeroStatus) {
     TempDir dir;
     std::string const small = source_dir() + "/tests/data/small/";
     for (char const* f : {"ref.hap", "ref.legend", "map.txt", "study.gen", "trees.txt"})
         fs::copy_file(small + f, dir.path() / f);
     fs::create_directories(dir.path() / "out");
+    fs::create_directories(dir.path() / "full");
     std::vector<std::string> const args = {"-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g", "study.gen",
                                            "-tree_file", "trees.txt", "-int", "900", "2000", "-buffer", "0",
-                                           "-o", "out/run", "-snp_info"};
-    struct Case { std::string file, tail; };
+                                           "-snp_info"};
+    std::string const no_space = ": No space left on device\n";
+    // The run deletes old .full_matrix files first, links included: only the
+    // bound file of a full file system stays in place for it.
+    struct Case { std::vector<std::string> extra; std::string file, tail; bool replaces_links = false; };
     std::vector<Case> const cases = {
-        {"out/run.aux", "writing .aux file: out/run.aux\n\nError writing file out/run.aux: No space left on device\n"},
-        {"out/run.snp_info.txt", "Outputing snp information to file out/run.snp_info.txt ... "
-                                 "Error writing file out/run.snp_info.txt: No space left on device\n"},
+        {{"-o", "out/run"}, "out/run.aux", "writing .aux file: out/run.aux\n\nError writing file out/run.aux" + no_space},
+        {{"-o", "out/run"}, "out/run.snp_info.txt", "Outputing snp information to file out/run.snp_info.txt ... "
+                                                    "Error writing file out/run.snp_info.txt" + no_space},
+        {{"-o", "out/run"}, "out/run", "writing matrix file ... Error writing file out/run" + no_space},
+        {{"-o", "out/run.gz"}, "out/run.gz", "writing matrix file in gzip mode ... Error writing file out/run.gz" + no_space},
+        {{"-o", "out/run", "-tavlo_input"}, "out/run.1250.pardo", "done\nError writing file out/run.1250.pardo" + no_space},
+        {{"-o", "out/run", "-tavlo_input", "-pardo_gz"}, "out/run.1250.pardo.gz",
+         "done\nError writing file out/run.1250.pardo.gz" + no_space},
+        {{"-o", "out/run", "-print_matrix"}, "out/run.1250.full_matrix",
+         "3/3Error writing file out/run.1250.full_matrix" + no_space, true},
+        {{"-o", "out/run", "-chunk", "1", "2"}, "out/run.chunk1of2.part",
+         "0/1Error writing file out/run.chunk1of2.part" + no_space},
+        {{"-o", "out/run", "-chunk", "1", "2"}, "out/run.chunk1of2.part.0",
+         "Error writing file out/run.chunk1of2.part.0" + no_space},
     };
-    for (auto const& c : cases) {
-        fs::remove_all(dir.path() / "out");
-        fs::create_directories(dir.path() / "out");
-        fs::create_symlink("/dev/full", dir.path() / c.file);
-        auto const r = run_ketra(args, dir.path().string());
-        EXPECT_EQ(r.status, 1) << c.file;
-        EXPECT_NE(r.out.find(c.tail + "Program terminated\n"), std::string::npos) << r.out;
-        EXPECT_EQ(r.out.find("Ketra complete!"), std::string::npos);
-        EXPECT_EQ(r.err, "");
+    for (std::string const sink : {"/dev/full", "full tmpfs"}) {
+        small_tmpfs full_fs(dir.file("full"));
+        if (sink != "/dev/full") {
+            if (!full_fs.mounted()) continue;  // mounting is not permitted here
+            std::ofstream filler(dir.file("full/filler"));
+            filler << std::string(1 << 17, 'x') << std::flush;
+        }
+        for (auto const& c : cases) {
+            if (sink == "/dev/full" && c.replaces_links) continue;
+            SCOPED_TRACE(sink + ": " + c.file);
+            fs::remove_all(dir.path() / "out");
+            fs::create_directories(dir.path() / "out");
+            bool bound = false;
+            if (sink == "/dev/full") {
+                fs::create_symlink("/dev/full", dir.path() / c.file);
+            } else {
+                write_file(dir.file(c.file), "");
+                write_file(dir.file("full/target"), "");
+                bound = ::mount(dir.file("full/target").c_str(), dir.file(c.file).c_str(), nullptr, MS_BIND, nullptr) == 0;
+                ASSERT_TRUE(bound);
+            }
+            std::vector<std::string> run_args = args;
+            run_args.insert(run_args.end(), c.extra.begin(), c.extra.end());
+            auto const r = run_ketra(run_args, dir.path().string());
+            if (bound) ::umount(dir.file(c.file).c_str());
+            EXPECT_EQ(r.status, 1);
+            EXPECT_NE(r.out.find(c.tail + "Program terminated\n"), std::string::npos) << r.out;
+            EXPECT_EQ(r.out.find("Ketra complete!"), std::string::npos);
+            EXPECT_EQ(r.err, "");
+        }
     }
 }

@@ -57,14 +57,17 @@ public:
     // "-chunk" only a slice of the individuals and its partial results, with
     // "-merge" the result files from the chunks' partial results.
     void print_matrix(std::map<double, std::string>& trees, LSMatrixParameters const& parameters);
-    // Writes the matrix file from the positions' haplotype sums.
-    void print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output);
+    // Writes the matrix file from the positions' haplotype sums. When strict, a
+    // gzip matrix file that cannot be opened is a write_error, not lost lines.
+    void print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,
+                              bool strict);
     // One pardo file per distinct position name (the highest position of a
     // shared name wins), from the individuals' records. With gzip,
     // "name.pardo.gz" instead: a series of independently compressed blocks.
-    // Files are written in parallel.
+    // Files are written in parallel. A file that cannot be opened is skipped
+    // quietly, or is a write_error when strict.
     void output_pardo(result_file_reader const& records, result_layout const& layout,
-                      std::vector<output_position> const& positions, int threads, bool gzip);
+                      std::vector<output_position> const& positions, int threads, bool gzip, bool strict);
     // A details file: line k holds the values [k][0..N-1], each followed by a
     // blank. The matrix run never writes one (-detail adds no file).
     void output_details(std::string const& file_name, std::vector<std::vector<double>> const& values);

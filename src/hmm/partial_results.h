@@ -5,8 +5,10 @@
 //
 // A chunk's partial results are "<output>.chunk<i>of<n>.part" (a text index:
 // fingerprint, i and n, the individuals, the record layout, the record files
-// with the individual of each record, and a last line "complete") and the
-// record files "<output>.chunk<i>of<n>.part.<worker>".
+// with their CRC-32 and the individual of each record, the CRC-32 of all
+// these lines, and a last line "complete") and the record files
+// "<output>.chunk<i>of<n>.part.<worker>". The merge answers any damaged or
+// foreign partial result with run_error.
 #pragma once
 
 #include <string>

@@ -73,19 +73,20 @@ void write_results(HMM& run, result_file_reader const& records, result_layout co
                    std::map<double, HMM::matrix_data>& positions, std::vector<output_position> const& outputs,
                    LSMatrixParameters const& parameters) {
     int const threads = std::max(1, parameters.threads);
-    if (parameters.print_matrix) write_full_matrix_files(records, layout, outputs, threads);
+    bool const strict = parameters.strict;
+    if (parameters.print_matrix) write_full_matrix_files(records, layout, outputs, threads, strict);
     auto sums = sum_haplotype_probabilities(records, layout, threads);
     std::size_t p = 0;
     for (auto& entry : positions) entry.second.haplotype_sums = std::move(sums[p++]);
-    run.print_matrix_private(positions, parameters.output_file);
-    if (parameters.tavlo_input) run.output_pardo(records, layout, outputs, threads, parameters.pardo_gz);
+    run.print_matrix_private(positions, parameters.output_file, strict);
+    if (parameters.tavlo_input) run.output_pardo(records, layout, outputs, threads, parameters.pardo_gz, strict);
 }
 
 // A marked branch with no results stops the run at the first individual, at
 // that position: the .full_matrix blocks up to it are written, as they would
 // have been by then.
 [[noreturn]] void stop_at_missing_branch(engine_work const& work, int individual, int failing,
-                                         std::vector<output_position> const& outputs, bool write_blocks) {
+                                         std::vector<output_position> const& outputs, bool write_blocks, bool strict) {
     if (write_blocks) {
         hmm_kernel::Workspace workspace;
         std::vector<double> record(work.layout->record_size());
@@ -95,6 +96,7 @@ void write_results(HMM& run, result_file_reader const& records, result_layout co
             block.clear();
             append_full_matrix_block(block, record.data() + work.layout->pairs_at(p), work.layout->K);
             output_file out(outputs[p].name + ".full_matrix", output_file::mode::append);
+            if (strict) out.require_open();
             out.write(block);
             out.finish();
         }
@@ -177,7 +179,8 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
               << std::endl;
     ordered_progress progress(draw_progress, chunk ? count : n_individuals);
     if (failing >= 0 && count > 0)
-        stop_at_missing_branch(work, individuals.first, failing, outputs, parameters.print_matrix && !chunk);
+        stop_at_missing_branch(work, individuals.first, failing, outputs, parameters.print_matrix && !chunk,
+                               parameters.strict);
 
     if (chunk) {
         std::string const base = chunk_name(parameters, parameters.chunk_index, parameters.chunk_count) + ".part";

@@ -5,9 +5,51 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
 
+#include <zlib.h>
+
+#include "hmm/run_error.h"
 #include "io/badfilename.h"
+
+namespace {
+
+[[noreturn]] void unreadable(std::string const& path, std::string const& cause) {
+    throw run_error("Error reading file " + path + ": " + cause);
+}
+
+}  // namespace
+
+std::uint32_t extend_checksum(std::uint32_t crc, char const* bytes, std::size_t size) {
+    while (size > 0) {
+        uInt const piece = static_cast<uInt>(std::min<std::size_t>(size, 1u << 30));
+        crc = static_cast<std::uint32_t>(::crc32(crc, reinterpret_cast<Bytef const*>(bytes), piece));
+        bytes += piece;
+        size -= piece;
+    }
+    return crc;
+}
+
+std::uint32_t file_checksum(std::string const& path) {
+    int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) unreadable(path, std::strerror(errno));
+    std::vector<char> buffer(1 << 20);
+    std::uint32_t crc = 0;
+    for (;;) {
+        ssize_t const got = ::read(fd, buffer.data(), buffer.size());
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            std::string const reason = std::strerror(errno);
+            ::close(fd);
+            unreadable(path, reason);
+        }
+        if (got == 0) break;
+        crc = extend_checksum(crc, buffer.data(), static_cast<std::size_t>(got));
+    }
+    ::close(fd);
+    return crc;
+}
 
 result_file_writer::result_file_writer(std::string const& base, int workers, std::size_t record_size)
     : record_bytes_(record_size * sizeof(double)) {
@@ -20,8 +62,10 @@ result_file_writer::result_file_writer(std::string const& base, int workers, std
 }
 
 void result_file_writer::take(int worker, int individual, double const* record) {
-    files_[worker]->write(reinterpret_cast<char const*>(record), record_bytes_);
+    char const* bytes = reinterpret_cast<char const*>(record);
+    files_[worker]->write(bytes, record_bytes_);
     parts_[worker].individuals.push_back(individual);
+    parts_[worker].checksum = extend_checksum(parts_[worker].checksum, bytes, record_bytes_);
 }
 
 void result_file_writer::finish() {
@@ -44,7 +88,7 @@ result_file_reader::result_file_reader(std::vector<result_part> const& parts, in
         if (fd < 0) {
             std::string const reason = std::strerror(errno);
             for (int open_fd : fds_) ::close(open_fd);
-            throw badfilename(part.path, "can't open partial results: " + reason);
+            unreadable(part.path, "can't open partial results: " + reason);
         }
         int const file = static_cast<int>(fds_.size());
         fds_.push_back(fd);
@@ -57,8 +101,8 @@ result_file_reader::result_file_reader(std::vector<result_part> const& parts, in
     for (std::size_t n = 0; n < where_.size(); ++n) {
         if (where_[n].file < 0) {
             for (int fd : fds_) ::close(fd);
-            throw badfilename(parts.empty() ? std::string("partial results") : parts.front().path,
-                              "no results for individual " + std::to_string(first + static_cast<int>(n)) + ".");
+            unreadable(parts.empty() ? std::string("partial results") : parts.front().path,
+                       "no results for individual " + std::to_string(first + static_cast<int>(n)) + ".");
         }
     }
 }
@@ -76,7 +120,7 @@ void result_file_reader::read(int individual, std::size_t from, std::size_t size
     while (left > 0) {
         ssize_t const got = ::pread(fds_[at.file], target, left, offset);
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) throw badfilename(paths_[at.file], got < 0 ? std::strerror(errno) : "partial results cut short.");
+        if (got <= 0) unreadable(paths_[at.file], got < 0 ? std::strerror(errno) : "partial results cut short.");
         target += got;
         left -= static_cast<std::size_t>(got);
         offset += got;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,11 +12,19 @@
 #include "hmm/result_stream.h"
 #include "io/output_file.h"
 
-// One worker's file and the individuals of its records, in file order.
+// One worker's file, the individuals of its records in file order, and the
+// CRC-32 of its bytes (so that a merge can tell damaged partial results).
 struct result_part {
     std::string path;
     std::vector<int> individuals;
+    std::uint32_t checksum = 0;
 };
+
+// CRC-32 of bytes, continuing from crc (0 to start).
+std::uint32_t extend_checksum(std::uint32_t crc, char const* bytes, std::size_t size);
+
+// CRC-32 of a whole file; throws run_error naming it when it cannot be read.
+std::uint32_t file_checksum(std::string const& path);
 
 class result_file_writer : public result_sink {
 public:
@@ -34,7 +43,8 @@ private:
 
 class result_file_reader {
 public:
-    // Every individual first .. first + count - 1 must have a record in parts.
+    // Every individual first .. first + count - 1 must have a record in parts;
+    // run_error otherwise, and when a record cannot be read.
     result_file_reader(std::vector<result_part> const& parts, int first, int count, std::size_t record_size);
     ~result_file_reader();
     result_file_reader(result_file_reader const&) = delete;

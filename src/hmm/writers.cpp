@@ -35,6 +35,7 @@ class block_output {
 public:
     block_output(std::string const& path, bool gzip) : file_(path, output_file::mode::truncate, false), gzip_(gzip) {}
     bool is_open() const { return file_.is_open(); }
+    void require_open() const { file_.require_open(); }
     void write(std::string const& text) {
         if (!gzip_) return file_.write(text);
         if (text.empty()) return;
@@ -51,9 +52,12 @@ private:
 };
 
 void write_pardo_file(result_file_reader const& records, result_layout const& layout, output_position const& position,
-                      int p, bool gzip) {
+                      int p, bool gzip, bool strict) {
     block_output out(position.name + (gzip ? ".pardo.gz" : ".pardo"), gzip);
-    if (!out.is_open()) return;  // not reported; the run goes on
+    if (!out.is_open()) {
+        if (strict) out.require_open();
+        return;  // not reported; the run goes on
+    }
     int const N = records.count();
     std::size_t const B = position.branch_ids.size();
     std::size_t const row_bytes = 2 * sizeof(double) * static_cast<std::size_t>(std::max(N, 1));
@@ -93,9 +97,12 @@ void write_pardo_file(result_file_reader const& records, result_layout const& la
 }
 
 void write_full_matrix_file(result_file_reader const& records, result_layout const& layout,
-                            std::string const& file_name, std::vector<int> const& group) {
+                            std::string const& file_name, std::vector<int> const& group, bool strict) {
     output_file out(file_name, output_file::mode::truncate, false);
-    if (!out.is_open()) return;  // not reported; the run goes on
+    if (!out.is_open()) {
+        if (strict) out.require_open();
+        return;  // not reported; the run goes on
+    }
     std::vector<double> pairs(layout.pair_size());
     std::string text;
     for (int n = records.first(); n < records.first() + records.count(); ++n) {
@@ -130,31 +137,34 @@ std::vector<std::vector<double>> sum_haplotype_probabilities(result_file_reader 
 }
 
 void write_full_matrix_files(result_file_reader const& records, result_layout const& layout,
-                             std::vector<output_position> const& positions, int threads) {
+                             std::vector<output_position> const& positions, int threads, bool strict) {
     if (records.count() == 0) return;
     auto const groups = group_by_name(positions);
     parallel_for(groups.size(), threads, [&](std::size_t g) {
-        write_full_matrix_file(records, layout, positions[groups[g].front()].name + ".full_matrix", groups[g]);
+        write_full_matrix_file(records, layout, positions[groups[g].front()].name + ".full_matrix", groups[g], strict);
     });
 }
 
 void HMM::output_pardo(result_file_reader const& records, result_layout const& layout,
-                       std::vector<output_position> const& positions, int threads, bool gzip) {
+                       std::vector<output_position> const& positions, int threads, bool gzip, bool strict) {
     // A later position with the same name would overwrite the file: write only
     // the last one of each name, and the files can then be written at once.
     auto const groups = group_by_name(positions);
     parallel_for(groups.size(), threads, [&](std::size_t g) {
         int const p = groups[g].back();
-        write_pardo_file(records, layout, positions[p], p, gzip);
+        write_pardo_file(records, layout, positions[p], p, gzip, strict);
     });
 }
 
-void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output) {
+void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,
+                               bool strict) {
     bool const gzip = output.extension().string() == ".gz";
     std::cout << (gzip ? "\n\nwriting matrix file in gzip mode ... " : "\n\nwriting matrix file ... ") << std::flush;
     output_file out(output);
-    // An unopenable gzip file is not reported; its lines are lost.
+    // An unopenable gzip file is not reported (its lines are lost), except
+    // under -strict.
     if (!out.is_open() && !gzip) throw badfilename(output.string(), "can't open file.");
+    if (strict) out.require_open();
 
     std::string line;
     int precision = 6;  // the stream's default until the first sum is written

@@ -29,6 +29,8 @@ std::vector<std::vector<double>> sum_haplotype_probabilities(result_file_reader 
                                                              result_layout const& layout, int threads);
 
 // One file per distinct name: for every individual, the blocks of the
-// positions sharing that name, ascending. Nothing is written without individuals.
+// positions sharing that name, ascending. Nothing is written without
+// individuals. A file that cannot be opened is skipped quietly, or is a
+// write_error when strict.
 void write_full_matrix_files(result_file_reader const& records, result_layout const& layout,
-                             std::vector<output_position> const& positions, int threads);
+                             std::vector<output_position> const& positions, int threads, bool strict);

@@ -74,7 +74,10 @@ output_file::output_file(boost::filesystem::path path, mode how, bool gzip_by_na
         boost::filesystem::path const folder = path_.parent_path();
         std::string pattern = (folder / ("." + path_.filename().string() + ".XXXXXX")).string();
         file_->fd = ::mkstemp(&pattern[0]);
-        if (file_->fd < 0) return;
+        if (file_->fd < 0) {
+            file_->error = errno;
+            return;
+        }
         temporary_ = pattern;
         ::fchmod(file_->fd, creation_mode);
         if (how == mode::append) {
@@ -87,7 +90,10 @@ output_file::output_file(boost::filesystem::path path, mode how, bool gzip_by_na
     } else {
         int const flags = O_WRONLY | O_CREAT | O_CLOEXEC | (how == mode::append ? O_APPEND : O_TRUNC);
         file_->fd = ::open(path_.c_str(), flags, 0666);
-        if (file_->fd < 0) return;
+        if (file_->fd < 0) {
+            file_->error = errno;
+            return;
+        }
     }
     auto stream = std::make_unique<io::filtering_ostream>();
     if (how == mode::truncate && gzip_by_name && is_gzip_path(path_)) stream->push(io::gzip_compressor());
@@ -99,6 +105,10 @@ output_file::~output_file() {
     if (!stream_) return;
     close_and_check();
     discard_temporary();
+}
+
+void output_file::require_open() const {
+    if (!stream_) throw write_error(path_.string(), "can't open file: " + reason(file_->error));
 }
 
 void output_file::write(std::string const& text) { write(text.data(), text.size()); }

@@ -36,6 +36,8 @@ public:
     ~output_file();
 
     bool is_open() const { return stream_ != nullptr; }
+    // For a file that did not open: throws write_error with the system's reason.
+    void require_open() const;
     std::ostream& stream() { return *stream_; }
     void write(std::string const& text);
     void write(char const* text, std::size_t size);
