@@ -1,0 +1,104 @@
+// Small units whose effect the end-to-end cases cannot isolate: strand
+// prediction at its boundaries, number text against stream output, and the
+// progress bar's clamping.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <iomanip>
+#include <limits>
+#include <random>
+#include <sstream>
+
+#include "app/progress.h"
+#include "data/data.h"
+#include "io/number_text.h"
+
+namespace {
+
+LSMatrixParameters parameters_with(std::vector<std::string> args) {
+    for (char const* f : {"-h", "-l", "-m", "-tree_file", "-g"}) args.insert(args.end(), {f, "x"});
+    args.insert(args.end(), {"-o", "run"});
+    args.insert(args.begin(), "ketra");
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(&a[0]);
+    LSMatrixParameters p;
+    p.process_parameters(static_cast<int>(argv.size()), argv.data());
+    return p;
+}
+
+}  // namespace
+
+// Reversed coding is predicted when the frequencies are more than 0.2 apart
+// and sum to within 0.2 of one; both comparisons are strict.
+TEST(StrandPrediction, ReversesOnlyClearlyMismatchedFrequencies) {
+    struct Row {
+        double r, g;
+        std::string strand;
+        bool reversed;
+    };
+    std::vector<Row> const rows = {
+        {0.1, 0.85, "*", true},   {0.5, 0.5, "*", false},  {0.1, 0.5, "*", false},
+        {0.1, 0.3, "*", false},   {0.45, 0.65, "*", false},  // |r - g| = 0.2 exactly
+        {0.1, 0.85, "+", false},  // a known strand is left alone
+        {0.75, 0.05, "*", false},  // |1 - r - g| = 0.2 exactly
+    };
+    data d;
+    d.parameters = parameters_with({"-fix_strand"});
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        snp& s = d.snps[i];
+        s.hap_frequency = rows[i].r;
+        s.genotype_frequency = rows[i].g;
+        s.strand = rows[i].strand;
+        s.data_type = 2;
+        s.genotypes = {0, 2, 3};
+        s.genotype_probs = {{0.9, 0.1, 0.0}, {0.0, 0.05, 0.95}, {0.3, 0.3, 0.4}};
+    }
+    d.read_strand_data();
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        snp const& s = d.snps[i];
+        bool const reversed = rows[i].reversed;
+        EXPECT_EQ(s.strand, reversed ? "f" : rows[i].strand) << rows[i].r << " " << rows[i].g;
+        EXPECT_EQ(s.genotypes, (reversed ? std::vector<int>{2, 0, 3} : std::vector<int>{0, 2, 3}));
+        EXPECT_EQ(s.genotype_probs[2], (reversed ? std::vector<double>{0.4, 0.3, 0.3} : std::vector<double>{0.3, 0.3, 0.4}));
+        EXPECT_NEAR(s.genotype_frequency, reversed ? 1 - rows[i].g : rows[i].g, 1e-15);
+    }
+}
+
+// The fast number text must equal what an ostream writes at the same precision.
+TEST(NumberText, MatchesStreamOutput) {
+    double const inf = std::numeric_limits<double>::infinity();
+    std::vector<double> values = {0.0, -0.0, 1.0, -1.0, 0.5, 1e-5, 1e-4, 9.999995e-5, 123456.5, 999999.5, 1e6,
+                                  1234567, 99999.95, 1e15, 4.75925e-15, 5e-324, 1.7976931348623157e308, inf, -inf,
+                                  std::nan(""), 0.1 + 0.2, 1.0 / 3.0};
+    std::mt19937_64 rng(7);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    for (int i = 0; i < 20000; ++i) {
+        std::uint64_t bits = rng();
+        double raw;
+        std::memcpy(&raw, &bits, sizeof raw);
+        values.insert(values.end(), {unit(rng) * std::pow(10.0, -static_cast<int>(unit(rng) * 40)), raw,
+                                     std::floor(unit(rng) * 3e8) + (i % 4) * 0.25});
+    }
+    for (double v : values)
+        for (int precision : {6, 10}) {
+            std::ostringstream os;
+            os << std::setprecision(precision) << v;
+            std::string fast;
+            append_number(fast, v, precision);
+            ASSERT_EQ(fast, os.str()) << v;
+        }
+    for (int v : {0, -3, 2147483647, -2147483647 - 1}) {
+        std::string s;
+        append_number(s, v);
+        EXPECT_EQ(s, std::to_string(v));
+    }
+}
+
+TEST(ProgressBar, FillsByTruncatedFractionAndClamps) {
+    std::vector<std::tuple<unsigned long, double, std::string>> const rows = {
+        {10, 0.25, "[**        ]"}, {10, 1.7, "[**********]"}, {10, -0.5, "[          ]"},
+        {0, 0.5, "[]"},             {4, std::nan(""), "[    ]"}, {3, 0.999, "[** ]"},
+    };
+    for (auto const& [width, fraction, bar] : rows) EXPECT_EQ(get_progress_bar(width, fraction), bar) << fraction;
+}
