@@ -12,6 +12,7 @@
 
 #include "hmm/hmm.h"
 #include "hmm/kernel.h"
+#include "trees/tree.h"
 
 namespace {
 
@@ -165,24 +166,20 @@ Mat engine_posteriors(HMM const& h, std::vector<hmm_kernel::Flank> const& flanks
     return out;
 }
 
-// A random full binary tree over K leaves, as the tree parser builds it.
+// A random full binary tree over K leaves, built by the tree parser from its text.
 tree_nodes random_tree(int K, std::mt19937_64& rng) {
-    tree_nodes t;
-    std::vector<int> active;
-    for (int l = 0; l < K; ++l) t[l].leaves_below = {l}, active.push_back(l);
-    for (int id = K; active.size() > 1; ++id) {
+    std::vector<int> active;  // 1-based node ids as the text names them
+    for (int l = 1; l <= K; ++l) active.push_back(l);
+    std::string text = "1 0;" + std::to_string(K) + ";";
+    for (int id = K + 1; active.size() > 1; ++id) {
         std::shuffle(active.begin(), active.end(), rng);
-        int const a = active.back(), b = active[active.size() - 2];
-        tree_node& x = t[id];
-        x.time = id - K + 1.0;
-        x.child_a = a;
-        x.child_b = b;
-        x.leaves_below = t[a].leaves_below;
-        x.leaves_below.insert(t[b].leaves_below.begin(), t[b].leaves_below.end());
-        for (int c : {a, b}) t[c].branch_length = x.time - t[c].time;
+        text += std::to_string(active.back()) + " " + std::to_string(active[active.size() - 2]) + ",";
         active.resize(active.size() - 2);
         active.push_back(id);
     }
+    text.back() = ';';
+    tree_nodes t;
+    parse_tree(text, t, K);
     return t;
 }
 

@@ -97,7 +97,7 @@ TEST(Readers, SamplesAndStrand) {
         return more;
     };
     expect_failures({
-        {{{"study.sample", "ID_1 ID_2 missing\n0 0 0\nS1 A1 0\nS2 A2 0\n"}}, "study.sample",
+        {{{"study.sample", "ID_1 ID_2 missing\n0 0 0\nS1 A1 0\nS2 A2 0\nS3 A3 0\nS4 A4 0\n"}}, "study.sample",
          "sample file contains wrong number of individuals.", samples},
         {{}, "absent.sample", "can't open sample file.", with({"-sample", "absent.sample"})},
         // The exclusion file's open error gives the sample file's text.

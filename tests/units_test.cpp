@@ -14,21 +14,6 @@
 #include "data/data.h"
 #include "io/number_text.h"
 
-namespace {
-
-LSMatrixParameters parameters_with(std::vector<std::string> args) {
-    for (char const* f : {"-h", "-l", "-m", "-tree_file", "-g"}) args.insert(args.end(), {f, "x"});
-    args.insert(args.end(), {"-o", "run"});
-    args.insert(args.begin(), "ketra");
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(&a[0]);
-    LSMatrixParameters p;
-    p.process_parameters(static_cast<int>(argv.size()), argv.data());
-    return p;
-}
-
-}  // namespace
-
 // Reversed coding is predicted when the frequencies are more than 0.2 apart
 // and sum to within 0.2 of one; both comparisons are strict.
 TEST(StrandPrediction, ReversesOnlyClearlyMismatchedFrequencies) {
@@ -44,7 +29,7 @@ TEST(StrandPrediction, ReversesOnlyClearlyMismatchedFrequencies) {
         {0.75, 0.05, "*", false},  // |1 - r - g| = 0.2 exactly
     };
     data d;
-    d.parameters = parameters_with({"-fix_strand"});
+    d.parameters.flags_seen = {"-fix_strand"};
     for (std::size_t i = 0; i < rows.size(); ++i) {
         snp& s = d.snps[i];
         s.hap_frequency = rows[i].r;
@@ -101,4 +86,17 @@ TEST(ProgressBar, FillsByTruncatedFractionAndClamps) {
         {0, 0.5, "[]"},             {4, std::nan(""), "[    ]"}, {3, 0.999, "[** ]"},
     };
     for (auto const& [width, fraction, bar] : rows) EXPECT_EQ(get_progress_bar(width, fraction), bar) << fraction;
+}
+
+// Switches that change no output file on their own must still be recorded.
+TEST(Parameters, SwitchesAndRepeatedFlags) {
+    std::vector<std::string> args = {"ketra", "-h", "a", "-l", "b", "-m", "c", "-tree_file", "t", "-g", "g1", "-o",
+                                     "run", "-detail", "-print_matrix", "-buffer", "250.7", "-g", "g2"};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(&a[0]);
+    LSMatrixParameters p;
+    p.process_parameters(static_cast<int>(argv.size()), argv.data());
+    EXPECT_TRUE(p.detail && p.print_matrix && !p.tavlo_input);
+    EXPECT_EQ(p.buffer, 250);
+    EXPECT_EQ(p.genotype_file.string(), "g2");
 }
