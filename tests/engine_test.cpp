@@ -264,6 +264,16 @@ TEST(Engine, FlanksOfPositions) {
     }
     EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {99.0}), std::out_of_range);
     EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {350.5}), std::out_of_range);
+    // A position with either distance 0 is taken as lying on its flank SNP: no carrying.
+    Vec const F = {0.1, 0.2, 0.3, 0.05, 0.15, 0.2}, B = {0.3, 0.1, 0.2, 0.4, 0.25, 0.05};
+    auto at = [&](double dl, double dr) {
+        Vec P(6), scratch(6);
+        hmm_kernel::posterior(3, 0.01, dl, dr, F.data(), B.data(), P.data(), scratch.data());
+        return P;
+    };
+    EXPECT_EQ(at(50.0, 0.0), at(0.0, 0.0));
+    EXPECT_EQ(at(0.0, 50.0), at(0.0, 0.0));
+    EXPECT_NE(at(50.0, 50.0), at(0.0, 0.0));
     // Tables that are not trees: a self-merge, a child with a later id, a leaf with children.
     EXPECT_THROW(hmm_kernel::BranchLayout(3, {-1, -1, -1, 0}, {-1, -1, -1, 0}), std::invalid_argument);
     EXPECT_THROW(hmm_kernel::BranchLayout(3, {-1, -1, -1, 4}, {-1, -1, -1, 1}), std::invalid_argument);

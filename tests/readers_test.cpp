@@ -141,6 +141,7 @@ TEST(Readers, TreeText) {
         {"1500 0;4;1 2,5 1;", 4, leaf},      // node 5 already holds leaf 1
         {"1500 0;4;1 2,3 4;", 4, mrca},      // n - 2 merges
         {"1500 0;4;1 2,3 4,", 4, mrca},
+        {"1500 0;0;", 0, mrca},          // no lineage at all
         {"1500 0;2;1 2,1 2;", 2, mrca},  // re-merging merged-away nodes leaves a second lineage
         {"1234567 0;3;1 2;", 3, prefix + "1.23457e+06 error with one of the trees: does not reach the mrca."},
     };
