@@ -1,13 +1,10 @@
-// The whole program on small data sets, one case a row: extra flags, input
-// files written over the small data set, and the expected console and files.
-// A case with a golden folder (tests/data/small/expected/<name>) compares
-// stdout.txt and every file the run writes, byte for byte; gzip files as their
-// text, <file>.unzipped. Every case that completes runs again on three threads
-// and must give the same bytes.
-//
-// To regenerate the golden folders after an intended change of output:
-//     KETRA_UPDATE_GOLDEN=1 ctest -R E2e
-// and review the diff before committing it.
+// The whole program on the small data set, one case a row: flags, input files
+// written over the data set, and the expected console and files. A case with a
+// golden folder (tests/data/small/expected/<name>) compares stdout.txt and
+// every file written, byte for byte (gzip files as <file>.unzipped). Every
+// completed case runs again on three threads and must give the same bytes.
+// Regenerate after an intended change with KETRA_UPDATE_GOLDEN=1 ctest -R E2e,
+// and review the diff.
 #include <gtest/gtest.h>
 
 #include <algorithm>
