@@ -4,6 +4,8 @@
 //   ketra_bench [--K n] [--L n] [--N n] [--positions n] [--seed n]
 //               [--threads "1 2"] [--dir path] [--ketra path/to/ketra]
 //               [--baseline n]   (individuals timed with the straightforward engine; 0 = skip)
+//               [--inputs-only 1] (write the data set, print the ketra arguments for it, stop)
+//               [--gpu 1]         (also time the GPU engine alone)
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,6 +27,7 @@
 
 #include "bench_inputs.h"
 #include "data/data.h"
+#include "hmm/gpu_engine.h"
 #include "hmm/hmm.h"
 #include "straightforward.h"
 #include "trees/tree_map.h"
@@ -66,15 +69,19 @@ bool run_program(std::string const& ketra, std::vector<std::string> const& args,
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// Evenly spread positions, as the generated tree map has them.
+hmm_kernel::Schedule engine_schedule(HMM const& hmm, hmm_kernel::Panel const& panel) {
+    std::vector<double> positions;
+    double const first = hmm.snps.begin()->first, last = hmm.snps.rbegin()->first;
+    for (int t = 0; t < 200; ++t) positions.push_back(first + (last - first) * (t + 0.5) / 200);
+    return hmm_kernel::Schedule(panel.L, find_position_flanks(hmm, positions));
+}
+
 // Forward and backward passes plus posteriors for every individual, on the
 // given number of threads; returns wall seconds.
 double time_engine(HMM const& hmm, int threads) {
     hmm_kernel::Panel const panel = make_panel(hmm);
-    std::vector<double> positions;
-    // Evenly spread positions, as the generated tree map has them.
-    double const first = hmm.snps.begin()->first, last = hmm.snps.rbegin()->first;
-    for (int t = 0; t < 200; ++t) positions.push_back(first + (last - first) * (t + 0.5) / 200);
-    hmm_kernel::Schedule const schedule(panel.L, find_position_flanks(hmm, positions));
+    hmm_kernel::Schedule const schedule = engine_schedule(hmm, panel);
     int const N = panel.N, K = panel.K;
     std::atomic<int> next{0};
     std::atomic<long> checksum{0};
@@ -94,6 +101,21 @@ double time_engine(HMM const& hmm, int threads) {
     return seconds_since(start);
 }
 
+// The same work on the GPU engine, the upload of the panel included.
+double time_gpu_engine(HMM const& hmm) {
+    hmm_kernel::Panel const panel = make_panel(hmm);
+    hmm_kernel::Schedule const schedule = engine_schedule(hmm, panel);
+    auto const start = std::chrono::steady_clock::now();
+    hmm_gpu::Engine engine(panel, schedule, hmm_gpu::Outputs{});
+    std::vector<int> individuals(panel.N);
+    for (int n = 0; n < panel.N; ++n) individuals[n] = n;
+    double sum = 0;
+    engine.run(individuals, [&](hmm_gpu::IndividualResult const& r) { sum += r.haplotype_probs[0]; });
+    double const wall = seconds_since(start);
+    if (!(sum >= 0)) std::printf("(GPU results are not numbers)\n");
+    return wall;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -102,6 +124,8 @@ int main(int argc, char** argv) {
     std::string dir = "bench-data";
     std::string ketra = "./ketra";
     int baseline_individuals = 10;
+    bool inputs_only = false;
+    bool gpu = false;
     for (int i = 1; i + 1 < argc; i += 2) {
         std::string const flag = argv[i], value = argv[i + 1];
         if (flag == "--K") sizes.haplotypes = std::atoi(value.c_str());
@@ -113,6 +137,8 @@ int main(int argc, char** argv) {
         else if (flag == "--dir") dir = value;
         else if (flag == "--ketra") ketra = value;
         else if (flag == "--baseline") baseline_individuals = std::atoi(value.c_str());
+        else if (flag == "--inputs-only") inputs_only = value != "0";
+        else if (flag == "--gpu") gpu = value != "0";
         else {
             std::cout << "unknown option " << flag << "\n";
             return 2;
@@ -120,6 +146,10 @@ int main(int argc, char** argv) {
     }
     boost::filesystem::create_directories(dir);
     std::string const args = write_bench_inputs(sizes, dir);
+    if (inputs_only) {
+        std::printf("%s\n", args.c_str());
+        return 0;
+    }
     int const K = sizes.haplotypes;
     double const updates = 2.0 * sizes.individuals * sizes.snps * (K * (K + 1.0) / 2.0);
 
@@ -159,6 +189,14 @@ int main(int argc, char** argv) {
     for (std::string const& t : split(thread_list)) {
         double const wall = time_engine(hmm, std::atoi(t.c_str()));
         std::printf("%8s %12.2f %16.3g %14.3f\n", t.c_str(), wall, updates / wall, wall / updates * 1e9);
+    }
+    if (gpu) {
+        try {
+            double const wall = time_gpu_engine(hmm);
+            std::printf("%8s %12.2f %16.3g %14.3f\n", "GPU", wall, updates / wall, wall / updates * 1e9);
+        } catch (hmm_gpu::gpu_error const& e) {
+            std::printf("%8s %s\n", "GPU", e.what());
+        }
     }
     // The straightforward engine, on a few individuals, scaled to all of them.
     if (baseline_individuals > 0) {

@@ -136,17 +136,18 @@ struct Outcome {
 
 Outcome run_case(Case const& c, std::vector<std::string> const& more = {}) {
     TempDir dir;
-    copy_small_inputs(dir);
-    for (auto const& [name, text] : c.inputs) write_file(dir.file(name), text);
+    copy_small_data(dir);
+    for (auto const& [name, text] : c.inputs) write_input_file(dir.file(name), text);
     std::vector<std::string> args = c.flags;
     if (!c.alone) {  // the case's -o replaces the default one
         auto const o = std::find(args.begin(), args.end(), "-o");
-        std::vector<std::string> base = small_args(o == args.end() ? "out/run" : *std::next(o));
+        std::vector<std::string> base = small_data_args(o == args.end() ? "out/run" : *std::next(o));
         if (o != args.end()) args.erase(o, o + 2);
         args.insert(args.begin(), base.begin(), base.end());
     }
     args.insert(args.end(), more.begin(), more.end());
-    Outcome r{run_ketra(args, dir.path().string()), collect_files(dir.path() / "out")};
+    Outcome r{run_ketra(args, dir.path().string()), collect_output_files(dir.path() / "out")};
+    r.result.out = mask_run_text(r.result.out);
     return r;
 }
 
@@ -157,7 +158,7 @@ void check_golden(fs::path const& folder, std::map<std::string, std::string> con
         return;
     }
     ASSERT_TRUE(fs::is_directory(folder)) << folder << " missing; run with KETRA_UPDATE_GOLDEN=1";
-    auto const expected = collect_files(folder);
+    auto const expected = collect_output_files(folder);
     for (auto const& [name, text] : expected) {
         auto const found = actual.find(name);
         if (found == actual.end()) ADD_FAILURE() << "not written: " << name;
@@ -181,17 +182,17 @@ TEST(E2e, SmallDataSetCases) {
             actual["stdout.txt"] = r.result.out;
             check_golden(expected_root() / c.golden, actual);
         }
-        if (c.alone || c.status != 0 || ends_with(c.expect, "Program terminated\n")) {
-            EXPECT_TRUE(ends_with(r.result.out, c.expect)) << r.result.out.substr(r.result.out.size() / 2);
+        if (c.alone || c.status != 0 || text_ends_with(c.expect, "Program terminated\n")) {
+            EXPECT_TRUE(text_ends_with(r.result.out, c.expect)) << r.result.out.substr(r.result.out.size() / 2);
             continue;
         }
         EXPECT_NE(r.result.out.find(c.expect), std::string::npos) << r.result.out.substr(r.result.out.size() / 2);
-        EXPECT_TRUE(ends_with(r.result.out, closing)) << "the run did not complete";
+        EXPECT_TRUE(text_ends_with(r.result.out, closing)) << "the run did not complete";
         Outcome const parallel = run_case(c, {"-threads", "3"});
-        EXPECT_EQ(drop_command_line(parallel.result.out), drop_command_line(r.result.out)) << "-threads 3";
+        EXPECT_EQ(without_command_line(parallel.result.out), without_command_line(r.result.out)) << "-threads 3";
         auto one = r.files, three = parallel.files;
         for (auto* files : {&one, &three})
-            for (auto& f : *files) f.second = drop_command_line(f.second);
+            for (auto& f : *files) f.second = without_command_line(f.second);
         EXPECT_EQ(three, one) << "-threads 3";
     }
 }
@@ -214,12 +215,12 @@ TEST(E2e, BundledExample) {
     std::map<std::string, std::string> first;
     for (std::string threads : {"1", "2"}) {
         TempDir dir;
-        copy_example_inputs(dir);
+        copy_example_data(dir);
         args.insert(args.end(), {"-threads", threads});
         auto const r = run_ketra(args, dir.path().string());
-        EXPECT_TRUE(ends_with(r.out, closing));
-        auto files = collect_files(dir.path() / "out");
-        for (auto& f : files) f.second = drop_command_line(f.second);
+        EXPECT_TRUE(text_ends_with(mask_run_text(r.out), closing));
+        auto files = collect_output_files(dir.path() / "out");
+        for (auto& f : files) f.second = without_command_line(f.second);
         if (first.empty()) first = files;
         else EXPECT_EQ(files, first);
     }

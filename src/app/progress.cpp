@@ -15,6 +15,11 @@ std::string get_progress_bar(unsigned long width, double fraction) {
     return "[" + std::string(filled, '*') + std::string(width - filled, ' ') + "]";
 }
 
+void draw_progress_line(int done, int total) {
+    std::cout << "\r" << get_progress_bar(60, static_cast<double>(done) / total) << std::setw(10) << done << "/"
+              << total << std::flush;
+}
+
 void mem_est(data const& d, HMM& h) {
     auto count = [](auto n) { return static_cast<std::uint32_t>(n); };
     std::uint32_t const L = count(d.snps.size());

@@ -1,7 +1,9 @@
 #include "data/data.h"
 
-#include <fstream>
 #include <iostream>
+
+#include "io/output_file.h"
+#include "io/text_stream.h"
 
 data::data(LSMatrixParameters const& p) {
     parameters = p;
@@ -38,12 +40,19 @@ int data::remove_excluded_snps() {
     return removed;
 }
 
+void data::refuse_compressed(std::string const& file) const {
+    if (parameters.strict && starts_with_gzip_magic(file)) throw badfilename(file, gzip_in_plain_input);
+}
+
 void data::write_aux_file() const {
-    std::ofstream aux(parameters.aux_filename, std::ios::out | std::ios::trunc);
+    output_file aux(parameters.aux_filename, output_file::mode::truncate, false);
     if (!aux.is_open()) {
+        // Only a warning by default; a pipeline run asked to stop on every failure.
+        if (parameters.strict) throw badfilename(parameters.aux_filename, "can't write aux file.");
         std::cout << std::endl << "Warning can't write aux file: " << parameters.aux_filename << std::endl;
         return;
     }
     std::cout << std::endl << "writing .aux file: " << parameters.aux_filename << std::endl << std::endl;
-    parameters.parameters_summary(aux);
+    parameters.parameters_summary(aux.stream());
+    aux.finish();
 }

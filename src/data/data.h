@@ -17,6 +17,8 @@ public:
     explicit data(LSMatrixParameters const& p);
     data(data const&) = default;
     data& operator=(data const&) = default;
+    data(data&&) = default;
+    data& operator=(data&&) = default;
     virtual ~data() = default;
 
     double theta = 0.0;
@@ -48,4 +50,7 @@ public:
     // returns how many records were removed.
     int remove_excluded_snps();
     void write_aux_file() const;
+    // Under -strict a file that is always read as plain text but starts with
+    // the gzip magic bytes is an error rather than a page of noise.
+    void refuse_compressed(std::string const& file) const;
 };

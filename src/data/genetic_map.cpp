@@ -29,6 +29,7 @@ void data::read_genetic_map() {
     std::cout << "reading genetic map file ... " << std::flush;
     std::ifstream in(file);
     if (!in.is_open()) throw badfilename(file, "can't open file.");
+    refuse_compressed(file);
 
     std::string line;
     read_text_line(in, line);  // header
@@ -48,6 +49,10 @@ void data::read_genetic_map() {
         ls >> value;
         map_genetic.push_back(4.0 * parameters.Ne * value / 100.0);
         if (ls.bad()) throw badfilename(file, "bad line in rates file on line " + std::to_string(rows + 1));
+        // Repeated or descending positions divide by zero or by a negative
+        // distance below; the default run keeps them, -strict stops there.
+        if (parameters.strict && rows > 1 && !(position > map_positions[map_positions.size() - 2]))
+            throw badfilename(file, "map positions not strictly increasing on line " + std::to_string(rows + 1) + ".");
     }
     std::cout << "done." << std::endl;
     in.close();

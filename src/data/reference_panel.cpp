@@ -66,6 +66,8 @@ void data::read_haplotype_data() {
     if (!hap.is_open()) throw badfilename(hap_name, "can't open haplotype file.");
     std::ifstream legend(legend_name);
     if (!legend.is_open()) throw badfilename(legend_name, "can't open legend file.");
+    refuse_compressed(hap_name);
+    refuse_compressed(legend_name);
     std::string legend_line, hap_line;
     read_text_line(legend, legend_line);  // header
 

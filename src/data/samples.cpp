@@ -14,6 +14,7 @@ void data::read_sample_file() {
     std::cout << "Reading sample file ... " << std::flush;
     std::ifstream in(file);
     if (!in.is_open()) throw badfilename(file, "can't open sample file.");
+    refuse_compressed(file);
     std::string line;
     read_text_line(in, line);  // two header lines
     read_text_line(in, line);
@@ -38,6 +39,7 @@ void data::read_sample_exclusion_file() {
     std::cout << "Reading sample exclusion file ... " << std::flush;
     std::ifstream in(file);
     if (!in.is_open()) throw badfilename(file, "can't open sample file.");
+    refuse_compressed(file);
     std::string id;
     int count = 0;
     while (in >> id) {

@@ -19,14 +19,20 @@ void data::read_exclusion_list() {
     for (std::string const& name : parameters.exclude_snps_files) {
         boost::filesystem::path const path(name);
         boost::system::error_code ec;
-        if (!boost::filesystem::exists(path, ec)) continue;  // missing lists are skipped silently
+        if (!boost::filesystem::exists(path, ec)) {
+            // Skipped silently by default; under -strict a list that was asked for must be used.
+            if (parameters.strict) throw badfilename(name, "no such exclusion list file.");
+            continue;
+        }
         std::cout << "Reading snps exclusion list " << name << std::endl;
         std::ifstream in(path.string());
         if (!in.is_open()) {
+            if (parameters.strict) throw badfilename(name, "can't open exclusion list file.");
             std::cout << "Warning: can't open exclusion list file: " << name << std::endl;
             std::cout << "No SNPs excluded" << std::endl;
             return;
         }
+        refuse_compressed(name);
         std::cout << " -" << path.string() << "[" << std::flush;
         std::string id;
         int count = 0;

@@ -1,15 +1,16 @@
 // The per-SNP summary file written with -snp_info.
-#include <fstream>
 #include <iostream>
 #include <string>
 
 #include "data/data.h"
+#include "io/output_file.h"
 
 void data::output_snp_info() const {
     std::string const file = parameters.output_file.string() + ".snp_info.txt";
     std::cout << "Outputing snp information to file " << file << " ... " << std::flush;
-    std::ofstream out(file, std::ios::out | std::ios::trunc);
-    if (!out.is_open()) throw badfilename(parameters.output_file.string() + "snp_info.txt", "can't open file");
+    output_file file_out(file, output_file::mode::truncate, false);
+    if (!file_out.is_open()) throw badfilename(parameters.output_file.string() + "snp_info.txt", "can't open file");
+    std::ostream& out = file_out.stream();
 
     out << std::fixed;
     for (auto const& entry : snps) {
@@ -29,6 +30,6 @@ void data::output_snp_info() const {
         for (int code : s.genotypes) out << code << ' ';
         out << '\n';
     }
-    out.close();
+    file_out.finish();
     std::cout << "done" << std::endl;
 }

@@ -30,6 +30,7 @@ void data::read_strand_data() {
         std::cout << "Reading strand file ... " << std::flush;
         std::ifstream in(file);
         if (!in.is_open()) throw badfilename(file, "can't open strand file");
+        refuse_compressed(file);
         std::string line;
         while (read_text_line(in, line)) {
             ++lines_read;

@@ -1,7 +1,7 @@
 // The run object: the loaded data store plus the haplotype-copying engine.
 #pragma once
 
-#include <array>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -12,10 +12,13 @@
 #include "hmm/kernel.h"
 #include "trees/tree.h"
 
+class result_file_reader;
+struct result_layout;
+struct output_position;
+
 class HMM : public data {
 public:
     using node = tree_node;
-    using branch_row = std::array<double, 2>;
 
     // Results of one tree position.
     struct matrix_data {
@@ -23,16 +26,17 @@ public:
         std::vector<double> haplotype_sums;   // per haplotype, summed over individuals
         std::string tree;                     // tree text from the tree map
         std::map<int, node> nodes;            // parsed tree ("-tavlo_input" only)
-        // node id -> per individual [P(both copies below), P(exactly one below)].
-        // Rows are fixed pairs: a run holds positions x branches x individuals
-        // of them, and a separate allocation per row would triple that memory.
-        std::map<int, std::vector<branch_row>> branch_genotypes;
         ~matrix_data();
     };
 
     HMM() = default;
     HMM& operator=(data const& loaded) {
         data::operator=(loaded);
+        return *this;
+    }
+    // The driver hands over the freshly loaded store: its tables are moved, not copied.
+    HMM& operator=(data&& loaded) {
+        data::operator=(std::move(loaded));
         return *this;
     }
 
@@ -47,11 +51,25 @@ public:
                              double const& right_distance, std::vector<double> const& backward_right,
                              std::vector<double> const& forward_left);
 
+    // The matrix run: every individual's passes and all result files; with
+    // "-chunk" only a slice of the individuals and its partial results, with
+    // "-merge" the result files from the chunks' partial results.
     void print_matrix(std::map<double, std::string>& trees, LSMatrixParameters const& parameters);
-    void print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,
-                              bool const& detail, std::map<double, std::vector<std::vector<double>>>& details);
+    // Writes the matrix file from the positions' haplotype sums.
+    void print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output);
+    // One pardo file per distinct position name (the highest position of a
+    // shared name wins), from the individuals' records. With gzip,
+    // "name.pardo.gz" instead: a series of independently compressed blocks.
+    // Files are written in parallel.
+    void output_pardo(result_file_reader const& records, result_layout const& layout,
+                      std::vector<output_position> const& positions, int threads, bool gzip);
+    // A details file: line k holds the values [k][0..N-1], each followed by a
+    // blank. The matrix run never writes one (-detail adds no file).
     void output_details(std::string const& file_name, std::vector<std::vector<double>> const& values);
-    void output_pardo(std::map<double, matrix_data>& positions);
+
+    // Draws the progress line (individuals done, individuals in all); set by
+    // the driver. Nothing is drawn without it.
+    std::function<void(int done, int total)> draw_progress;
 };
 
 // The panel in the engine's compact form: alleles as 0/1 doubles, switch

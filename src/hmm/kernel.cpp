@@ -224,11 +224,20 @@ struct GammaRow {  // G = transition of Gn, times the emission
     }
 };
 
-// Distance-based transition coefficients for carrying values to a position.
-Coefficients distance_coefficients(int K, double rate, double distance, double total) {
+}  // namespace
+
+std::pair<double, double> distance_switch_rates(int K, double rate, double distance) {
     double const e = std::exp(-rate * distance / K);
     double const jump = (1.0 - e) / K;
     double const stay = e + jump;
+    return {stay, jump};
+}
+
+namespace {
+
+// Distance-based transition coefficients for carrying values to a position.
+Coefficients distance_coefficients(int K, double rate, double distance, double total) {
+    auto const [stay, jump] = distance_switch_rates(K, rate, distance);
     return coefficients(stay, jump, total);
 }
 

@@ -93,6 +93,10 @@ void backward_from_gamma(int K, double stay, double jump, const double* Gn, cons
 void posterior(int K, double rate, double left_distance, double right_distance, const double* F,
                const double* B, double* P, double* scratch);
 
+// Switch rates {stay, jump} that carry values over a distance to a position:
+// e = exp(-rate*distance/K), jump = (1-e)/K, stay = e + jump.
+std::pair<double, double> distance_switch_rates(int K, double rate, double distance);
+
 // m[k] = sum_j P(k, j): probability that one given copy copies haplotype k.
 // Returns the sum of m.
 inline double haplotype_probabilities(int K, const double* P, double* m) { return row_sums(K, P, m); }

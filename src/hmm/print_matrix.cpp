@@ -1,61 +1,105 @@
-// The matrix run: every individual's passes, the per-position summaries, the
-// progress line, and the writers at the end.
+// The matrix run: selects the positions, runs the engine over the
+// individuals (all, or one chunk of them), and writes the result files from
+// the records the engine left on disk; or, with "-merge", writes them from the
+// chunks' partial results.
 #include <algorithm>
-#include <atomic>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iomanip>
 #include <iostream>
-#include <memory>
 #include <mutex>
-#include <sstream>
-#include <thread>
+
+#include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 
-#include "app/progress.h"
+#include "hmm/cpu_engine.h"
 #include "hmm/hmm.h"
+#include "hmm/memory_check.h"
+#include "hmm/partial_results.h"
+#include "hmm/positions.h"
+#include "hmm/result_files.h"
 #include "hmm/writers.h"
+#include "io/badfilename.h"
+
+namespace fs = boost::filesystem;
 
 namespace {
 
-// What one individual contributes, held until it is committed in individual order.
-struct individual_result {
-    std::vector<double> haplotype_probs;      // positions x K
-    std::vector<std::string> full_matrix;     // per position, with "-print_matrix"
-    std::vector<std::vector<double>> branches;  // per position: both, one for each marked branch
-    int failed_position = -1;                 // position of a branch without results
-};
-
-// Appends .full_matrix text, keeping files open while there are few of them.
-class full_matrix_files {
+// Redraws the progress line once per finished individual, with counts that
+// rise by one whatever order the workers finish in.
+class ordered_progress : public progress_listener {
 public:
-    void append(std::string const& file_name, std::string const& text) {
-        auto found = open_.find(file_name);
-        if (found == open_.end() && open_.size() < max_open) {
-            found = open_.emplace(file_name, std::make_unique<std::ofstream>(file_name, std::ios::app)).first;
-        }
-        if (found != open_.end()) {
-            found->second->write(text.data(), static_cast<std::streamsize>(text.size()));
-            return;
-        }
-        std::ofstream once(file_name, std::ios::app);
-        once.write(text.data(), static_cast<std::streamsize>(text.size()));
+    ordered_progress(std::function<void(int, int)> const& draw, int total) : draw_(draw), total_(total) {
+        if (draw_) draw_(0, total_);
+    }
+    void individual_done() override {
+        if (!draw_) return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        draw_(++done_, total_);
     }
 
-    // Flushes and closes every file (before the process ends without unwinding).
-    void close_all() { open_.clear(); }
-
 private:
-    static constexpr std::size_t max_open = 200;
-    std::map<std::string, std::unique_ptr<std::ofstream>> open_;
+    std::function<void(int, int)> const& draw_;
+    int total_;
+    int done_ = 0;
+    std::mutex mutex_;
 };
 
-void draw_progress(int done, int total) {
-    std::cout << "\r" << get_progress_bar(60, static_cast<double>(done) / total) << std::setw(10) << done << "/"
-              << total << std::flush;
+// A folder beside the outputs for the records of a whole run, removed with
+// everything in it when the run ends (on errors too).
+class work_folder {
+public:
+    explicit work_folder(fs::path const& output)
+        : path_(output.string() + ".work" + std::to_string(static_cast<long>(::getpid()))) {
+        boost::system::error_code error;
+        fs::create_directories(path_, error);
+        if (error) throw badfilename(path_.string(), "can't create the work folder: " + error.message());
+    }
+    ~work_folder() {
+        boost::system::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    std::string file(std::string const& name) const { return (path_ / name).string(); }
+
+private:
+    fs::path path_;
+};
+
+// The result files of a run, from its records: .full_matrix files (which a
+// run without records leaves deleted), the matrix file, the pardo files.
+void write_results(HMM& run, result_file_reader const& records, result_layout const& layout,
+                   std::map<double, HMM::matrix_data>& positions, std::vector<output_position> const& outputs,
+                   LSMatrixParameters const& parameters) {
+    int const threads = std::max(1, parameters.threads);
+    if (parameters.print_matrix) write_full_matrix_files(records, layout, outputs, threads);
+    auto sums = sum_haplotype_probabilities(records, layout, threads);
+    std::size_t p = 0;
+    for (auto& entry : positions) entry.second.haplotype_sums = std::move(sums[p++]);
+    run.print_matrix_private(positions, parameters.output_file);
+    if (parameters.tavlo_input) run.output_pardo(records, layout, outputs, threads, parameters.pardo_gz);
+}
+
+// A marked branch with no results stops the run at the first individual, at
+// that position: the .full_matrix blocks up to it are written, as they would
+// have been by then.
+[[noreturn]] void stop_at_missing_branch(engine_work const& work, int individual, int failing,
+                                         std::vector<output_position> const& outputs, bool write_blocks) {
+    if (write_blocks) {
+        hmm_kernel::Workspace workspace;
+        std::vector<double> record(work.layout->record_size());
+        compute_record(work, individual, workspace, record.data());
+        std::string block;
+        for (int p = 0; p <= failing; ++p) {
+            block.clear();
+            append_full_matrix_block(block, record.data() + work.layout->pairs_at(p), work.layout->K);
+            output_file out(outputs[p].name + ".full_matrix", output_file::mode::append);
+            out.write(block);
+            out.finish();
+        }
+    }
+    std::cout << "pardo data does not contain this SNP." << std::endl;
+    std::fflush(stdout);
+    std::_Exit(1);
 }
 
 }  // namespace
@@ -63,186 +107,78 @@ void draw_progress(int done, int total) {
 void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters const& parameters) {
     int const K = n_haplotypes;
     int const N = std::max(n_individuals, 0);
-    bool const detail = parameters.detail;
-    bool const full_matrix = parameters.print_matrix;
-    bool const tavlo = parameters.tavlo_input;
+    bool const chunk = is_chunk_run(parameters);
+    bool const merge = is_merge_run(parameters);
 
-    std::vector<std::vector<double>> detail_template;
-    if (detail) detail_template.assign(K, std::vector<double>(N, 0.0));
+    // A chunk run writes none of the run's own files.
+    auto positions = select_positions(*this, trees, parameters, parameters.print_matrix && !chunk);
+    std::vector<position_tree> position_trees;
+    int const failing = parameters.tavlo_input ? parse_position_trees(*this, positions, position_trees) : -1;
+    std::vector<output_position> const outputs = describe_outputs(positions);
+    std::vector<int> branch_counts;
+    for (auto const& out : outputs) branch_counts.push_back(static_cast<int>(out.branch_ids.size()));
+    result_layout const layout(std::max(K, 0), branch_counts, parameters.print_matrix);
 
-    // Select the tree positions that lie within the SNPs.
-    std::map<double, matrix_data> positions;
-    std::map<double, std::vector<std::vector<double>>> details;
-    {
-        std::ofstream aux(parameters.aux_filename, std::ios::app);
-        for (auto const& entry : trees) {
-            double const t = entry.first;
-            if (!snps.empty() && snps.begin()->first <= t && t <= snps.rbegin()->first) {
-                matrix_data position;
-                std::ostringstream name;
-                name << parameters.output_file.string() << "." << std::fixed << std::setprecision(0) << t;
-                position.name = name.str();
-                position.haplotype_sums.assign(K, 0.0);
-                position.tree = entry.second;
-                if (detail) details[t] = detail_template;
-                if (full_matrix) std::remove((position.name + ".full_matrix").c_str());
-                positions.emplace(t, std::move(position));
-            } else {
-                aux << "position " << t << " ignored: no genotype or reference haplotype information" << "\n";
-            }
+    if (merge) {
+        if (failing >= 0 && N > 0) {
+            std::cout << "pardo data does not contain this SNP." << std::endl;
+            std::fflush(stdout);
+            std::_Exit(1);
         }
+        std::cout << "Merging the partial results of " << parameters.merge_count << " chunk runs ... " << std::flush;
+        auto const parts = read_chunk_indexes(parameters, N, layout);
+        result_file_reader const records(parts, 0, N, layout.record_size());
+        std::cout << "done" << std::endl;
+        write_results(*this, records, layout, positions, outputs, parameters);
+        std::cout << std::endl << "finished" << std::endl;
+        return;
     }
 
-    if (tavlo) {
-        std::vector<branch_row> const row_template(N, branch_row{0.0, 0.0});
-        for (auto& entry : positions) {
-            matrix_data& position = entry.second;
-            read_tree(position.tree, position.nodes, K);
-            for (auto& n : position.nodes) {
-                if (n.second.branch_length > 0) position.branch_genotypes[n.first] = row_template;
-                // The per-branch sums work from the nodes' children; the leaf
-                // sets (K entries per node, 2K nodes per tree) would otherwise
-                // be the run's largest store.
-                n.second.leaves_below.clear();
-                n.second.leaves_outside.clear();
-            }
-        }
-    }
-
-    // The engine's view of the panel and of the positions, shared by all threads.
     hmm_kernel::Panel const panel = make_panel(*this);
     std::vector<double> position_list;
-    std::vector<matrix_data*> position_data;
-    for (auto& entry : positions) {
-        position_list.push_back(entry.first);
-        position_data.push_back(&entry.second);
-    }
+    for (auto const& out : outputs) position_list.push_back(out.t);
     hmm_kernel::Schedule const schedule(panel.L, find_position_flanks(*this, position_list));
-    std::size_t const P = position_data.size();
+    engine_work const work{&panel, &schedule, &position_trees, &layout};
 
-    // Per position: the branch layout for the per-branch sums, the rows each
-    // marked branch writes to, and whether a marked branch has no rows (which
-    // stops the run).
-    struct branch_target {
-        int node;
-        std::vector<branch_row>* rows;
-    };
-    std::vector<hmm_kernel::BranchLayout> layouts(tavlo ? P : 0);
-    std::vector<std::vector<branch_target>> targets(tavlo ? P : 0);
-    std::vector<bool> missing_branch(P, false);
-    std::size_t max_nodes = 0;
-    if (tavlo) {
-        for (std::size_t p = 0; p < P; ++p) {
-            matrix_data& position = *position_data[p];
-            layouts[p] = make_branch_layout(position.nodes, K);
-            max_nodes = std::max(max_nodes, static_cast<std::size_t>(layouts[p].n_nodes()));
-            for (auto const& n : position.nodes) {
-                if (n.second.branch_length == 0) continue;
-                auto found = position.branch_genotypes.find(n.first);
-                if (found == position.branch_genotypes.end()) {
-                    missing_branch[p] = true;
-                    break;
-                }
-                targets[p].push_back({n.first, &found->second});
-            }
-        }
-    }
-    std::vector<std::vector<std::vector<double>>*> detail_rows(detail ? P : 0);
-    for (std::size_t p = 0; p < detail_rows.size(); ++p) detail_rows[p] = &details[position_list[p]];
+    auto const individuals = chunk ? chunk_individuals(parameters.chunk_index, parameters.chunk_count, N)
+                                   : std::make_pair(0, N);
+    int const count = individuals.second - individuals.first;
+    int const threads = engine_threads(parameters.threads, count);
+
+    run_size size;
+    size.K = K;
+    size.L = panel.L;
+    size.N = N;
+    size.positions = static_cast<int>(outputs.size());
+    size.kept_forward_arrays = schedule.n_kept;
+    size.threads = threads;
+    size.record_values = layout.record_size();
+    check_memory(estimate_peak_memory(size), available_memory(), threads, parameters.strict, std::cout);
 
     // The progress line shows the store's count as it stands: -1 when the
-    // genotype file placed no SNP (the loops above and below then run for nobody).
-    int const shown_total = n_individuals;
+    // genotype file placed no SNP (nobody is then processed).
     std::cout << "Performing forward and backward calculations (this may take a while, please be patient)."
               << std::endl;
-    draw_progress(0, shown_total);
+    ordered_progress progress(draw_progress, chunk ? count : n_individuals);
+    if (failing >= 0 && count > 0)
+        stop_at_missing_branch(work, individuals.first, failing, outputs, parameters.print_matrix && !chunk);
 
-    full_matrix_files full_matrix_out;
-    std::mutex commit_mutex;
-    std::condition_variable committed;
-    int next_to_commit = 0;
-    std::atomic<int> next_individual{0};
-
-    // Adds individual n's results in individual order, so that sums and files
-    // are the same whatever the number of threads. Workers write only their
-    // own buffers; every shared result is written here, under the lock.
-    auto commit = [&](int n, individual_result const& result) {
-        for (std::size_t p = 0; p < P; ++p) {
-            if (full_matrix) full_matrix_out.append(position_data[p]->name + ".full_matrix", result.full_matrix[p]);
-            if (static_cast<int>(p) == result.failed_position) {
-                full_matrix_out.close_all();
-                std::cout << "pardo data does not contain this SNP." << std::endl;
-                std::fflush(stdout);
-                std::_Exit(1);
-            }
-            std::vector<double>& sums = position_data[p]->haplotype_sums;
-            double const* m = result.haplotype_probs.data() + p * K;
-            for (int k = 0; k < K; ++k) sums[k] += m[k];
-            if (tavlo) {
-                double const* values = result.branches[p].data();
-                for (branch_target const& target : targets[p]) {
-                    branch_row& row = (*target.rows)[n];
-                    row[0] = *values++;
-                    row[1] = *values++;
-                }
-            }
-            if (detail) {
-                std::vector<std::vector<double>>& d = *detail_rows[p];
-                for (int k = 0; k < K; ++k) d[k][n] += m[k];
-            }
-        }
-        draw_progress(n + 1, shown_total);
-    };
-
-    auto worker = [&]() {
-        hmm_kernel::Workspace workspace;
-        individual_result result;
-        result.haplotype_probs.assign(P * K, 0.0);
-        if (full_matrix) result.full_matrix.assign(P, std::string());
-        if (tavlo) {
-            result.branches.resize(P);
-            for (std::size_t p = 0; p < P; ++p) result.branches[p].assign(2 * targets[p].size(), 0.0);
-        }
-        std::vector<double> both(max_nodes), one(max_nodes), work(2 * max_nodes);
-        auto sink = [&](int p, double const* pair_posterior) {
-            double* probs = result.haplotype_probs.data() + p * K;
-            hmm_kernel::haplotype_probabilities(K, pair_posterior, probs);
-            if (full_matrix) {
-                result.full_matrix[p].clear();
-                append_full_matrix_block(result.full_matrix[p], pair_posterior, K);
-            }
-            if (tavlo) {
-                if (missing_branch[p]) {
-                    if (result.failed_position < 0 || p < result.failed_position) result.failed_position = p;
-                    return;
-                }
-                hmm_kernel::branch_probabilities(layouts[p], pair_posterior, probs, both.data(), one.data(),
-                                                 work.data());
-                double* values = result.branches[p].data();
-                for (branch_target const& target : targets[p]) {
-                    *values++ = both[target.node];
-                    *values++ = one[target.node];
-                }
-            }
-        };
-        for (int n; (n = next_individual.fetch_add(1)) < N;) {
-            result.failed_position = -1;
-            workspace.run(panel, schedule, panel.genotypes_of(n), sink);
-            std::unique_lock<std::mutex> lock(commit_mutex);
-            committed.wait(lock, [&] { return next_to_commit == n; });
-            commit(n, result);
-            ++next_to_commit;
-            committed.notify_all();
-        }
-    };
-
-    int const threads = std::max(1, std::min(parameters.threads, N));
-    std::vector<std::thread> pool;
-    for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
-    worker();
-    for (auto& t : pool) t.join();
-
-    print_matrix_private(positions, parameters.output_file, detail, details);
-    if (tavlo) output_pardo(positions);
+    if (chunk) {
+        std::string const base = chunk_name(parameters, parameters.chunk_index, parameters.chunk_count) + ".part";
+        write_chunk_index(parameters, N, individuals, layout, {}, false);
+        result_file_writer records(base, threads, layout.record_size());
+        run_cpu_engine(work, individuals.first, individuals.second, threads, records, &progress);
+        records.finish();
+        std::cout << std::endl << std::endl << "writing partial results ... " << std::flush;
+        write_chunk_index(parameters, N, individuals, layout, records.parts(), true);
+        std::cout << "done" << std::endl;
+    } else {
+        work_folder const folder(parameters.output_file);
+        result_file_writer records(folder.file("records"), threads, layout.record_size());
+        run_cpu_engine(work, 0, N, threads, records, &progress);
+        records.finish();
+        result_file_reader const reader(records.parts(), 0, N, layout.record_size());
+        write_results(*this, reader, layout, positions, outputs, parameters);
+    }
     std::cout << std::endl << "finished" << std::endl;
 }

@@ -1,27 +1,160 @@
-// The run's output files: matrix file, details, pardo branch files, and the
-// text of one .full_matrix block.
-#include <algorithm>
-#include <atomic>
-#include <fstream>
-#include <thread>
-#include <iostream>
-
-#include "io/text_stream.h"
-#include "hmm/hmm.h"
-#include "io/number_text.h"
 #include "hmm/writers.h"
 
-void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,
-                               bool const& detail, std::map<double, std::vector<std::vector<double>>>& details) {
-    std::unique_ptr<std::ostream> out;
-    if (is_gzip_path(output)) {
-        std::cout << "\n\nwriting matrix file in gzip mode ... " << std::flush;
-        out = open_text_output(output);  // an unopenable gzip file is not reported; its lines are lost
-    } else {
-        std::cout << "\n\nwriting matrix file ... " << std::flush;
-        out = open_text_output(output);
-        if (!out) throw badfilename(output.string(), "can't open file.");
+#include <algorithm>
+#include <iostream>
+#include <map>
+
+#include "hmm/hmm.h"
+#include "hmm/parallel.h"
+#include "io/badfilename.h"
+#include "io/gzip_member.h"
+#include "io/number_text.h"
+#include "io/output_file.h"
+
+namespace {
+
+// Bytes of records one writer thread holds at a time, and the text it
+// gathers before writing it out.
+constexpr std::size_t record_block_bytes = 8u << 20;
+constexpr std::size_t text_block_bytes = 1u << 20;
+
+// Positions grouped by file name, each group ascending.
+std::vector<std::vector<int>> group_by_name(std::vector<output_position> const& positions) {
+    std::vector<std::vector<int>> groups;
+    std::map<std::string, std::size_t> by_name;
+    for (std::size_t p = 0; p < positions.size(); ++p) {
+        auto const found = by_name.emplace(positions[p].name, groups.size());
+        if (found.second) groups.emplace_back();
+        groups[found.first->second].push_back(static_cast<int>(p));
     }
+    return groups;
+}
+
+// Writes text blocks to a file as they are, or each as a gzip member.
+class block_output {
+public:
+    block_output(std::string const& path, bool gzip) : file_(path, output_file::mode::truncate, false), gzip_(gzip) {}
+    bool is_open() const { return file_.is_open(); }
+    void write(std::string const& text) {
+        if (!gzip_) return file_.write(text);
+        if (text.empty()) return;
+        compressed_.clear();
+        append_gzip_member(compressed_, text, 1);
+        file_.write(compressed_);
+    }
+    void finish() { file_.finish(); }
+
+private:
+    output_file file_;
+    bool gzip_;
+    std::string compressed_;
+};
+
+void write_pardo_file(result_file_reader const& records, result_layout const& layout, output_position const& position,
+                      int p, bool gzip) {
+    block_output out(position.name + (gzip ? ".pardo.gz" : ".pardo"), gzip);
+    if (!out.is_open()) return;  // not reported; the run goes on
+    int const N = records.count();
+    std::size_t const B = position.branch_ids.size();
+    std::size_t const row_bytes = 2 * sizeof(double) * static_cast<std::size_t>(std::max(N, 1));
+    std::size_t const per_block = std::max<std::size_t>(1, record_block_bytes / row_bytes);
+    std::vector<double> values(2 * std::min(per_block, std::max<std::size_t>(B, 1)) * static_cast<std::size_t>(N));
+    std::string text;
+    text.reserve(text_block_bytes + 4096);
+    for (std::size_t b0 = 0; b0 < B; b0 += per_block) {
+        std::size_t const nb = std::min(per_block, B - b0);
+        for (int n = 0; n < N; ++n)
+            records.read(records.first() + n, layout.branches_at(p) + 2 * b0, 2 * nb, values.data() + 2 * nb * n);
+        for (std::size_t b = 0; b < nb; ++b) {
+            append_number(text, position.branch_ids[b0 + b]);
+            text += ' ';
+            append_number(text, position.branch_lengths[b0 + b], 6);
+            text += ' ';
+            append_number(text, position.t, 6);
+            text += " A T ";
+            for (int n = 0; n < N; ++n) {
+                double const both = values[2 * nb * n + 2 * b], one = values[2 * nb * n + 2 * b + 1];
+                append_number(text, both, 6);
+                text += ' ';
+                append_number(text, one, 6);
+                text += ' ';
+                append_number(text, 1 - both - one, 6);
+                text += ' ';
+                if (text.size() >= text_block_bytes) {
+                    out.write(text);
+                    text.clear();
+                }
+            }
+            text += '\n';
+        }
+    }
+    out.write(text);
+    out.finish();
+}
+
+void write_full_matrix_file(result_file_reader const& records, result_layout const& layout,
+                            std::string const& file_name, std::vector<int> const& group) {
+    output_file out(file_name, output_file::mode::truncate, false);
+    if (!out.is_open()) return;  // not reported; the run goes on
+    std::vector<double> pairs(layout.pair_size());
+    std::string text;
+    for (int n = records.first(); n < records.first() + records.count(); ++n) {
+        for (int p : group) {
+            records.read(n, layout.pairs_at(p), pairs.size(), pairs.data());
+            append_full_matrix_block(text, pairs.data(), layout.K);
+            if (text.size() >= text_block_bytes) {
+                out.write(text);
+                text.clear();
+            }
+        }
+    }
+    out.write(text);
+    out.finish();
+}
+
+}  // namespace
+
+std::vector<std::vector<double>> sum_haplotype_probabilities(result_file_reader const& records,
+                                                             result_layout const& layout, int threads) {
+    int const K = layout.K;
+    std::vector<std::vector<double>> sums(layout.positions(), std::vector<double>(K, 0.0));
+    parallel_for(sums.size(), threads, [&](std::size_t p) {
+        std::vector<double> m(K);
+        std::vector<double>& sum = sums[p];
+        for (int n = records.first(); n < records.first() + records.count(); ++n) {
+            records.read(n, layout.haplotypes_at(static_cast<int>(p)), K, m.data());
+            for (int k = 0; k < K; ++k) sum[k] += m[k];
+        }
+    });
+    return sums;
+}
+
+void write_full_matrix_files(result_file_reader const& records, result_layout const& layout,
+                             std::vector<output_position> const& positions, int threads) {
+    if (records.count() == 0) return;
+    auto const groups = group_by_name(positions);
+    parallel_for(groups.size(), threads, [&](std::size_t g) {
+        write_full_matrix_file(records, layout, positions[groups[g].front()].name + ".full_matrix", groups[g]);
+    });
+}
+
+void HMM::output_pardo(result_file_reader const& records, result_layout const& layout,
+                       std::vector<output_position> const& positions, int threads, bool gzip) {
+    // A later position with the same name would overwrite the file: write only
+    // the last one of each name, and the files can then be written at once.
+    auto const groups = group_by_name(positions);
+    parallel_for(groups.size(), threads, [&](std::size_t g) {
+        int const p = groups[g].back();
+        write_pardo_file(records, layout, positions[p], p, gzip);
+    });
+}
+
+void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output) {
+    bool const gzip = output.extension().string() == ".gz";
+    std::cout << (gzip ? "\n\nwriting matrix file in gzip mode ... " : "\n\nwriting matrix file ... ") << std::flush;
+    output_file out(output);
+    // An unopenable gzip file is not reported; its lines are lost.
+    if (!out.is_open() && !gzip) throw badfilename(output.string(), "can't open file.");
 
     std::string line;
     int precision = 6;  // the stream's default until the first sum is written
@@ -40,84 +173,25 @@ void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::
             line += k + 1 < sums.size() ? ", " : ";";
         }
         line += '\n';
-        if (out) out->write(line.data(), static_cast<std::streamsize>(line.size()));
+        out.write(line);
     }
-
-    // With "-detail" the details file is looked up once, with the end of the
-    // position map standing in for a position; that names no position, so the
-    // accumulated details are never written. Users' pipelines rely on the
-    // file set staying as it is, so output_details is not called here.
-    (void)detail;
-    (void)details;
-    out.reset();  // completes the gzip stream
+    out.finish();
     std::cout << "done" << std::endl;
 }
 
 void HMM::output_details(std::string const& file_name, std::vector<std::vector<double>> const& values) {
-    std::ofstream out(file_name, std::ios::out | std::ios::trunc);
+    output_file out(file_name);
     if (!out.is_open()) throw badfilename(file_name, "can't open file.");
+    std::string text;
     for (auto const& row : values) {
-        for (double v : row) out << v << " ";
-        out << "\n";
-    }
-}
-
-namespace {
-
-// Writes one position's pardo file: a line per marked branch.
-void write_pardo_file(double t, HMM::matrix_data const& position) {
-    std::ofstream out(position.name + ".pardo", std::ios::out | std::ios::trunc);
-    if (!out.is_open()) return;  // not reported; the run goes on
-    std::string line;
-    for (auto const& branch : position.branch_genotypes) {
-        line.clear();
-        append_number(line, branch.first);
-        line += ' ';
-        auto const found = position.nodes.find(branch.first);
-        append_number(line, found != position.nodes.end() ? found->second.branch_length : 0.0, 6);
-        line += ' ';
-        append_number(line, t, 6);
-        line += " A T ";
-        for (HMM::branch_row const& row : branch.second) {
-            append_number(line, row[0], 6);
-            line += ' ';
-            append_number(line, row[1], 6);
-            line += ' ';
-            append_number(line, 1 - row[0] - row[1], 6);
-            line += ' ';
+        for (double v : row) {
+            append_number(text, v, 6);
+            text += ' ';
         }
-        line += '\n';
-        out.write(line.data(), static_cast<std::streamsize>(line.size()));
+        text += '\n';
     }
-}
-
-}  // namespace
-
-void HMM::output_pardo(std::map<double, matrix_data>& positions) {
-    // Positions whose names coincide write the same file, and the higher
-    // position's text is what remains: write only that one. The files are
-    // then distinct and can be written in parallel (the text of a large run
-    // is gigabytes of numbers).
-    std::vector<std::pair<double, matrix_data const*>> files;
-    std::map<std::string, std::size_t> by_name;
-    for (auto const& entry : positions) {
-        auto const found = by_name.find(entry.second.name);
-        if (found != by_name.end()) {
-            files[found->second] = {entry.first, &entry.second};
-        } else {
-            by_name.emplace(entry.second.name, files.size());
-            files.emplace_back(entry.first, &entry.second);
-        }
-    }
-    std::atomic<std::size_t> next{0};
-    auto worker = [&] {
-        for (std::size_t i; (i = next.fetch_add(1)) < files.size();) write_pardo_file(files[i].first, *files[i].second);
-    };
-    int const threads = std::max(1, std::min<int>(parameters.threads, static_cast<int>(files.size())));
-    std::vector<std::thread> pool;
-    for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
-    worker();
-    for (auto& t : pool) t.join();
+    out.write(text);
+    out.finish();
 }
 
 void append_full_matrix_block(std::string& out, double const* pair_posterior, int K) {

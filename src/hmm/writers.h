@@ -1,9 +1,34 @@
-// Text of the per-individual output that the matrix run writes while it goes.
+// The run's result files, written at the end from the individuals' records:
+// .full_matrix files, haplotype sums for the matrix file, and pardo files.
+// Work is spread over positions (files) on several threads; each thread reads
+// records in bounded blocks, so memory does not grow with individuals.
 #pragma once
 
 #include <string>
+#include <vector>
+
+#include "hmm/result_files.h"
+#include "hmm/result_stream.h"
+
+// What the writers need of one selected position.
+struct output_position {
+    double t = 0;
+    std::string name;                    // "<output>.<t, fixed, 0 decimals>"
+    std::vector<int> branch_ids;         // marked branches, ascending
+    std::vector<double> branch_lengths;  // their lengths
+};
 
 // Appends one individual's .full_matrix block: K lines, line i holding the
 // i + 1 values of row i of the triangular pair posterior, each followed by a
 // blank; then two empty lines.
 void append_full_matrix_block(std::string& out, double const* pair_posterior, int K);
+
+// Per position, the sum over individuals of the haplotype probabilities,
+// added in individual order starting from zero.
+std::vector<std::vector<double>> sum_haplotype_probabilities(result_file_reader const& records,
+                                                             result_layout const& layout, int threads);
+
+// One file per distinct name: for every individual, the blocks of the
+// positions sharing that name, ascending. Nothing is written without individuals.
+void write_full_matrix_files(result_file_reader const& records, result_layout const& layout,
+                             std::vector<output_position> const& positions, int threads);

@@ -1,22 +1,105 @@
 #include "io/output_file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 
+#include <boost/iostreams/categories.hpp>
+#include <boost/iostreams/filter/gzip.hpp>
+#include <boost/iostreams/filtering_stream.hpp>
+
 #include "io/text_stream.h"
 
-output_file::output_file(boost::filesystem::path path, mode how, bool gzip_by_name) : path_(std::move(path)) {
-    if (how == mode::truncate && gzip_by_name) {
-        stream_ = open_text_output(path_);
-        return;
+namespace io = boost::iostreams;
+
+struct output_file::descriptor {
+    int fd = -1;
+    int error = 0;  // errno of the first failed write, 0 while all went well
+
+    void write_all(char const* s, std::size_t n) {
+        while (n > 0 && error == 0) {
+            ssize_t const written = ::write(fd, s, n);
+            if (written < 0) {
+                if (errno != EINTR) error = errno;
+                continue;
+            }
+            s += written;
+            n -= static_cast<std::size_t>(written);
+        }
     }
-    auto const flags = std::ios::out | std::ios::binary | (how == mode::append ? std::ios::app : std::ios::trunc);
-    auto file = std::make_unique<std::ofstream>(path_.string(), flags);
-    if (file->is_open()) stream_ = std::move(file);
+};
+
+namespace {
+
+bool whole_files_only = false;
+mode_t creation_mode = 0644;  // 0666 less the umask, read once when the mode is switched on
+
+// The end of the stream chain. It never throws: a failed write is recorded
+// and reported by finish(), and later writes are dropped.
+class descriptor_sink {
+public:
+    using char_type = char;
+    using category = io::sink_tag;
+    explicit descriptor_sink(std::shared_ptr<output_file::descriptor> file) : file_(std::move(file)) {}
+    std::streamsize write(char const* s, std::streamsize n) {
+        file_->write_all(s, static_cast<std::size_t>(n));
+        return n;
+    }
+
+private:
+    std::shared_ptr<output_file::descriptor> file_;
+};
+
+std::string reason(int error) { return error != 0 ? std::strerror(error) : "write failed"; }
+
+}  // namespace
+
+void output_file::set_whole_files_only(bool on) {
+    whole_files_only = on;
+    if (on) {
+        mode_t const mask = ::umask(0);
+        ::umask(mask);
+        creation_mode = 0666 & ~mask;
+    }
 }
 
-output_file::~output_file() = default;
+output_file::output_file(boost::filesystem::path path, mode how, bool gzip_by_name)
+    : path_(std::move(path)), file_(std::make_shared<descriptor>()) {
+    if (whole_files_only) {
+        boost::filesystem::path const folder = path_.parent_path();
+        std::string pattern = (folder / ("." + path_.filename().string() + ".XXXXXX")).string();
+        file_->fd = ::mkstemp(&pattern[0]);
+        if (file_->fd < 0) return;
+        temporary_ = pattern;
+        ::fchmod(file_->fd, creation_mode);
+        if (how == mode::append) {
+            // The earlier content goes first, so that the renamed file is the whole of it.
+            std::ifstream earlier(path_.string(), std::ios::binary);
+            char buffer[1 << 16];
+            while (earlier.read(buffer, sizeof buffer) || earlier.gcount() > 0)
+                file_->write_all(buffer, static_cast<std::size_t>(earlier.gcount()));
+        }
+    } else {
+        int const flags = O_WRONLY | O_CREAT | O_CLOEXEC | (how == mode::append ? O_APPEND : O_TRUNC);
+        file_->fd = ::open(path_.c_str(), flags, 0666);
+        if (file_->fd < 0) return;
+    }
+    auto stream = std::make_unique<io::filtering_ostream>();
+    if (how == mode::truncate && gzip_by_name && is_gzip_path(path_)) stream->push(io::gzip_compressor());
+    stream->push(descriptor_sink(file_));
+    stream_ = std::move(stream);
+}
+
+output_file::~output_file() {
+    if (!stream_) return;
+    close_and_check();
+    discard_temporary();
+}
 
 void output_file::write(std::string const& text) { write(text.data(), text.size()); }
 
@@ -24,12 +107,34 @@ void output_file::write(char const* text, std::size_t size) {
     if (stream_) stream_->write(text, static_cast<std::streamsize>(size));
 }
 
+// Empties the chain (the gzip trailer is written on the way) and closes the
+// descriptor, keeping the first error met.
+void output_file::close_and_check() {
+    static_cast<io::filtering_ostream&>(*stream_).reset();
+    stream_.reset();
+    if (::close(file_->fd) != 0 && file_->error == 0) file_->error = errno;
+    file_->fd = -1;
+}
+
+void output_file::discard_temporary() {
+    if (temporary_.empty()) return;
+    std::remove(temporary_.c_str());
+    temporary_.clear();
+}
+
 void output_file::finish() {
     if (!stream_) return;
-    errno = 0;
-    stream_->flush();
-    bool const ok = static_cast<bool>(*stream_);
-    int const error = errno;
-    stream_.reset();
-    if (!ok) throw write_error(path_.string(), error != 0 ? std::strerror(error) : "write failed");
+    close_and_check();
+    if (file_->error != 0) {
+        discard_temporary();
+        throw write_error(path_.string(), reason(file_->error));
+    }
+    if (!temporary_.empty()) {
+        if (std::rename(temporary_.c_str(), path_.c_str()) != 0) {
+            int const error = errno;
+            discard_temporary();
+            throw write_error(path_.string(), reason(error));
+        }
+        temporary_.clear();
+    }
 }

@@ -27,24 +27,40 @@ public:
 
     // Opens the file; is_open() tells whether that worked (callers decide
     // whether an unopenable file is reported). gzip_by_name = false writes
-    // plain text whatever the name.
+    // plain text whatever the name; appending is always plain.
     explicit output_file(boost::filesystem::path path, mode how = mode::truncate, bool gzip_by_name = true);
     output_file(output_file const&) = delete;
     output_file& operator=(output_file const&) = delete;
-    ~output_file();  // closes without reporting; call finish() to be told
+    // Closes without reporting; call finish() to be told. A file kept under
+    // a temporary name (whole-files mode) is removed unless finish() ran.
+    ~output_file();
 
     bool is_open() const { return stream_ != nullptr; }
     std::ostream& stream() { return *stream_; }
     void write(std::string const& text);
     void write(char const* text, std::size_t size);
 
-    // Flushes and closes the file; throws write_error when a write or the
-    // close failed. A file that never opened finishes quietly.
+    // Flushes, completes the gzip stream and closes the file; throws
+    // write_error when a write or the close failed. In whole-files mode the
+    // file then takes its own name. A file that never opened finishes quietly.
     void finish();
 
     boost::filesystem::path const& path() const { return path_; }
 
+    // Whole-files mode (-strict): every file is written under a temporary
+    // name in its own folder and renamed by finish(), so that a run stopped
+    // at any moment leaves under a final name only files that are complete.
+    // Set once, before any output file is opened.
+    static void set_whole_files_only(bool on);
+
+    struct descriptor;  // the open file and the first error met on it
+
 private:
+    void close_and_check();
+    void discard_temporary();
+
     boost::filesystem::path path_;
+    boost::filesystem::path temporary_;  // empty unless in whole-files mode
+    std::shared_ptr<descriptor> file_;
     std::unique_ptr<std::ostream> stream_;
 };

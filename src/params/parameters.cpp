@@ -1,5 +1,8 @@
 #include "params/parameters.h"
 
+#include <cerrno>
+#include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <iomanip>
 #include <iostream>
@@ -58,19 +61,75 @@ void LSMatrixParameters::reset_parameters() {
 
 namespace {
 
-// The argument at index i + offset, which a value flag at index i needs.
-std::string value_after(int argc, char** argv, int i, int offset) {
-    if (i + offset >= argc)
-        throw MissingFlagException(argv[i], MissingFlagException::m_message + argv[i]);
-    return argv[i + offset];
-}
-
 bool begins_with_dash(char const* s) { return s[0] == '-'; }
+
+// Every flag a run understands: the parameter table's and this tool's own.
+std::set<std::string> const known_flags = {
+    "-help", "-h", "-l", "-m", "-int", "-tree_file", "-g", "-buffer", "-tavlo_input", "-call_thresh",
+    "-detail", "-exclude_snps", "-exclude_samples", "-Ne", "-o", "-print_matrix", "-sample", "-strand",
+    "-theta", "-tree_filename", "-threads", "-chunk", "-merge", "-strict", "-gpu", "-pardo_gz", "-version",
+    "-snp_info", "-fix_strand"};
+
+// The number the whole text spells, or nothing. Integers must be whole.
+bool parse_number(std::string const& text, bool integer, double& value) {
+    if (text.empty()) return false;
+    char* end = nullptr;
+    errno = 0;
+    if (integer) {
+        long const n = std::strtol(text.c_str(), &end, 10);
+        value = static_cast<double>(n);
+        if (errno == ERANGE || n < INT_MIN || n > INT_MAX) return false;
+    } else {
+        value = std::strtod(text.c_str(), &end);
+    }
+    return *end == '\0';
+}
 
 }  // namespace
 
+// The argument at index i + offset, which the value flag at index i needs; it
+// is remembered as a value, so that "-int -1 5" holds no flag "-1".
+std::string LSMatrixParameters::value_after(int argc, char** argv, int i, int offset) {
+    if (i + offset >= argc)
+        throw MissingFlagException(argv[i], MissingFlagException::m_message + argv[i]);
+    value_positions_.insert(i + offset);
+    return argv[i + offset];
+}
+
+std::string LSMatrixParameters::number_after(int argc, char** argv, int i, int offset, bool integer) {
+    std::string text = value_after(argc, argv, i, offset);
+    number_texts_[std::string(argv[i]) + (offset == 2 ? " (second value)" : "")] = {text, integer};
+    return text;
+}
+
+void LSMatrixParameters::check_strict(int argc, char** argv) const {
+    for (int i = 1; i < argc; ++i) {
+        if (!begins_with_dash(argv[i]) || value_positions_.count(i) || known_flags.count(argv[i])) continue;
+        throw FlagException(argv[i], FlagException::m_message + ": unknown flag " + argv[i]);
+    }
+    auto bad_value = [](std::string const& flag, std::string const& text, std::string const& why) {
+        return BadInputValueException(flag, BadInputValueException::m_message + " " + flag + ": " + text + " (" +
+                                                why + ")");
+    };
+    for (auto const& entry : number_texts_) {
+        double value = 0.0;
+        bool const integer = entry.second.second;
+        std::string const& text = entry.second.first;
+        if (!parse_number(text, integer, value))
+            throw bad_value(entry.first, text, integer ? "not a whole number" : "not a number");
+        if (!std::isfinite(value)) throw bad_value(entry.first, text, "not a finite number");
+    }
+    auto text_of = [this](std::string const& flag) { return number_texts_.at(flag).first; };
+    if (Ne < 0 || Ne > 30000) throw bad_value("-Ne", text_of("-Ne"), "must lie between 0 and 30000");
+    if (seen("-theta") && theta < 0) throw bad_value("-theta", text_of("-theta"), "must not be negative");
+    if (call_thresh < 0 || call_thresh > 1)
+        throw bad_value("-call_thresh", text_of("-call_thresh"), "must lie between 0 and 1");
+}
+
 void LSMatrixParameters::process_parameters(int argc, char** argv) {
     reset_parameters();
+    value_positions_.clear();
+    number_texts_.clear();
 
     for (int i = 0; i < argc; ++i) {
         std::string const arg = argv[i];
@@ -84,23 +143,23 @@ void LSMatrixParameters::process_parameters(int argc, char** argv) {
         if (arg == "-l") legend_file = value_after(argc, argv, i, 1);
         if (arg == "-m") genetic_map_file = value_after(argc, argv, i, 1);
         if (arg == "-int") {
-            std::string lo = value_after(argc, argv, i, 1);
-            std::string hi = value_after(argc, argv, i, 2);
+            std::string lo = number_after(argc, argv, i, 1, false);
+            std::string hi = number_after(argc, argv, i, 2, false);
             lower = std::atof(lo.c_str());
             upper = std::atof(hi.c_str());
         }
         if (arg == "-tree_file") tree_file = value_after(argc, argv, i, 1);
         if (arg == "-g") genotype_file = value_after(argc, argv, i, 1);
-        if (arg == "-buffer") buffer = std::atoi(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-buffer") buffer = std::atoi(number_after(argc, argv, i, 1, false).c_str());
         if (arg == "-tavlo_input") tavlo_input = true;
-        if (arg == "-call_thresh") call_thresh = std::atof(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-call_thresh") call_thresh = std::atof(number_after(argc, argv, i, 1, false).c_str());
         if (arg == "-detail") detail = true;
         if (arg == "-exclude_snps") {
             for (int j = i + 1; j < argc && !begins_with_dash(argv[j]); ++j)
                 exclude_snps_files.push_back(argv[j]);
         }
         if (arg == "-exclude_samples") exclude_samples_file = value_after(argc, argv, i, 1);
-        if (arg == "-Ne") Ne = std::atof(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-Ne") Ne = std::atof(number_after(argc, argv, i, 1, false).c_str());
         if (arg == "-o") {
             output_file = value_after(argc, argv, i, 1);
             output_dir = output_file.parent_path();
@@ -108,19 +167,20 @@ void LSMatrixParameters::process_parameters(int argc, char** argv) {
         if (arg == "-print_matrix") print_matrix = true;
         if (arg == "-sample") sample_file = value_after(argc, argv, i, 1);
         if (arg == "-strand") strand_file = value_after(argc, argv, i, 1);
-        if (arg == "-theta") theta = std::atof(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-theta") theta = std::atof(number_after(argc, argv, i, 1, false).c_str());
         if (arg == "-tree_filename") tree_filename = value_after(argc, argv, i, 1);
-        if (arg == "-threads") threads = std::atoi(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-threads") threads = std::atoi(number_after(argc, argv, i, 1, true).c_str());
         if (arg == "-chunk") {
-            chunk_index = std::atoi(value_after(argc, argv, i, 1).c_str());
-            chunk_count = std::atoi(value_after(argc, argv, i, 2).c_str());
+            chunk_index = std::atoi(number_after(argc, argv, i, 1, true).c_str());
+            chunk_count = std::atoi(number_after(argc, argv, i, 2, true).c_str());
         }
-        if (arg == "-merge") merge_count = std::atoi(value_after(argc, argv, i, 1).c_str());
+        if (arg == "-merge") merge_count = std::atoi(number_after(argc, argv, i, 1, true).c_str());
         if (arg == "-strict") strict = true;
         if (arg == "-gpu") gpu = true;
         if (arg == "-pardo_gz") pardo_gz = true;
     }
 
+    if (strict) check_strict(argc, argv);
     if (Ne == -1 || Ne < 0 || Ne > 30000) std::cout << "Error: Ne needs to be set" << std::endl;
 
     for (std::string const& flag : required_flags)

@@ -73,6 +73,16 @@ public:
     void parameters_summary(std::ostream& os) const override;
     void parameters_help(std::ostream& os) const override;
     void reset_parameters() override;
+
+private:
+    std::string value_after(int argc, char** argv, int i, int offset);
+    std::string number_after(int argc, char** argv, int i, int offset, bool integer);
+    // -strict: unknown flags and bad numbers are errors (FlagException, BadInputValueException).
+    void check_strict(int argc, char** argv) const;
+
+    std::set<int> value_positions_;  // argument indices taken as a flag's value
+    // Flag -> the text of its (last) numeric value, and whether it must be whole.
+    std::map<std::string, std::pair<std::string, bool>> number_texts_;
 };
 
 // Thrown by "-help".
@@ -81,6 +91,7 @@ public:
     static const std::string m_what;
 };
 
+// A flag the run cannot go on with: the flag, then the full message to print.
 class FlagException {
 public:
     static const std::string m_message;
@@ -90,17 +101,16 @@ public:
     std::string message;
 };
 
-class BadInputValueException {
+// A required flag that is absent, or a value flag with no value after it.
+class MissingFlagException : public FlagException {
 public:
     static const std::string m_message;
+    using FlagException::FlagException;
 };
 
-// A required flag that is absent, or a value flag with no value after it.
-class MissingFlagException {
+// Under -strict: a value that is not a number, or one that makes the results meaningless.
+class BadInputValueException : public FlagException {
 public:
     static const std::string m_message;
-    MissingFlagException(std::string flag, std::string message)
-        : flag(std::move(flag)), message(std::move(message)) {}
-    std::string flag;
-    std::string message;
+    using FlagException::FlagException;
 };

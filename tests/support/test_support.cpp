@@ -33,15 +33,20 @@ std::string TempDir::file(std::string const& name) const { return (path_ / name)
 
 void write_file(std::string const& path, std::string const& content) {
     fs::create_directories(fs::path(path).parent_path());
-    if (ends_with(path, ".gz")) {
-        io::filtering_ostream out;
-        out.push(io::gzip_compressor());
-        out.push(io::file_sink(path, std::ios::binary | std::ios::trunc));
-        out << content;
-        return;
-    }
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!(out << content)) throw std::runtime_error("cannot write " + path);
+}
+
+void write_gz_file(std::string const& path, std::string const& content) {
+    fs::create_directories(fs::path(path).parent_path());
+    io::filtering_ostream out;
+    out.push(io::gzip_compressor());
+    out.push(io::file_sink(path, std::ios::binary | std::ios::trunc));
+    out << content;
+}
+
+void write_input_file(std::string const& path, std::string const& content) {
+    (text_ends_with(path, ".gz") ? write_gz_file : write_file)(path, content);
 }
 
 std::string read_file(std::string const& path) {
@@ -52,7 +57,18 @@ std::string read_file(std::string const& path) {
     return s.str();
 }
 
-bool ends_with(std::string const& text, std::string const& tail) {
+std::string read_gz_file(std::string const& path) {
+    io::filtering_istream in;
+    in.push(io::gzip_decompressor());
+    in.push(io::file_source(path, std::ios::binary));
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+bool file_exists(std::string const& path) { return fs::exists(path); }
+
+bool text_ends_with(std::string const& text, std::string const& tail) {
     return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
@@ -101,10 +117,10 @@ std::string without_binary_path(std::string text) {
 
 }  // namespace
 
-void copy_small_inputs(TempDir const& dir) { copy_folder(fs::path(source_dir()) / "tests/data/small", dir); }
-void copy_example_inputs(TempDir const& dir) { copy_folder(fs::path(source_dir()) / "examples/chr20-small", dir); }
+void copy_small_data(TempDir const& dir) { copy_folder(fs::path(source_dir()) / "tests/data/small", dir); }
+void copy_example_data(TempDir const& dir) { copy_folder(fs::path(source_dir()) / "examples/chr20-small", dir); }
 
-std::vector<std::string> small_args(std::string const& output) {
+std::vector<std::string> small_data_args(std::string const& output) {
     return {"-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g", "study.gen", "-tree_file", "trees.txt",
             "-int", "900", "2000", "-buffer", "0", "-o", output};
 }
@@ -117,14 +133,19 @@ RunResult run_ketra(std::vector<std::string> const& args, std::string const& cwd
     int const raw = std::system(command.c_str());
     RunResult r;
     r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.out = without_binary_path(read_file(capture.file("out")));
-    static std::regex const timing("Ketra took [0-9]+\\.[0-9]{2} seconds");
-    r.out = std::regex_replace(r.out, timing, "Ketra took X seconds");
+    r.out = read_file(capture.file("out"));
     r.err = read_file(capture.file("err"));
     return r;
 }
 
-std::map<std::string, std::string> collect_files(fs::path const& folder) {
+std::string mask_timing(std::string text) {
+    static std::regex const timing("Ketra took [0-9]+\\.[0-9]{2} seconds");
+    return std::regex_replace(text, timing, "Ketra took X seconds");
+}
+
+std::string mask_run_text(std::string text) { return mask_timing(without_binary_path(std::move(text))); }
+
+std::map<std::string, std::string> collect_output_files(fs::path const& folder) {
     std::map<std::string, std::string> files;
     if (!fs::is_directory(folder)) return files;
     for (fs::recursive_directory_iterator it(folder), end; it != end; ++it) {
@@ -136,7 +157,7 @@ std::map<std::string, std::string> collect_files(fs::path const& folder) {
     return files;
 }
 
-std::string drop_command_line(std::string text) {
+std::string without_command_line(std::string text) {
     std::string const label = "Command line output is:\n";
     for (std::size_t at = text.find(label); at != std::string::npos; at = text.find(label, at + label.size())) {
         std::size_t const end = text.find('\n', at + label.size());

@@ -1,0 +1,488 @@
+// Arithmetic of the GPU engine, written once for the device and the host.
+//
+// Under nvcc these functions are __host__ __device__; under g++ they are
+// plain inline functions, so the ordinary test suite runs them on the CPU and
+// compares them bit for bit with the vectorised kernel. The work of one
+// individual is split among the threads of a "team" (a CUDA block on the
+// device, one or more host threads in the tests): a thread owns a row while
+// values are formed and a column while the column sums are taken, and sums in
+// the same order as the CPU kernel:
+//   - row i: eight partial sums by j mod 8 over j < i, in increasing j,
+//     reduced as ((p0 + p1) + (p2 + p3)) + ((p4 + p5) + (p6 + p7));
+//   - R(j) = (off(j) + diag(j)) + T[j+1][j] + T[j+2][j] + ..., rows in order;
+//   - total = sum over rows, in order, of 2 * off(i) + diag(i).
+// Only additions, multiplications and divisions happen here; every exp and
+// log is taken on the host by the CPU's code and handed in as a number.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#if defined(__CUDACC__)
+#define KETRA_HD __host__ __device__ inline
+#else
+#define KETRA_HD inline
+#endif
+
+namespace gpu_arith {
+
+KETRA_HD std::size_t tri_offset(int i) { return static_cast<std::size_t>(i) * (i + 1) / 2; }
+KETRA_HD std::size_t tri_size(int K) { return static_cast<std::size_t>(K) * (K + 1) / 2; }
+
+// A total below this is rescaled (the same limit as the CPU kernel's).
+constexpr double underflow_limit = 1e-100;
+
+struct Coefficients {
+    double aa, ab, bbt;
+};
+
+KETRA_HD Coefficients coefficients(double stay, double jump, double total) {
+    double const a = stay - jump;
+    double const b = jump;
+    return {a * a, a * b, b * b * total};
+}
+
+// One transition step for pair {i, j}: ((R(i) + R(j)) * ab + bbt) + aa * old.
+KETRA_HD double step_value(double ri, double rj, double old, Coefficients c) {
+    return ((ri + rj) * c.ab + c.bbt) + c.aa * old;
+}
+
+// Emission of pair {i, j}: E[h_i + h_j][g], h as 0.0 / 1.0.
+KETRA_HD double emission(const double* h, const double* ecol, int i, int j) {
+    return ecol[static_cast<int>(h[i]) + static_cast<int>(h[j])];
+}
+
+// ---- Teams -------------------------------------------------------------------
+
+// One thread doing all the work.
+struct SerialTeam {
+    KETRA_HD int rank() const { return 0; }
+    KETRA_HD int size() const { return 1; }
+    KETRA_HD void sync() const {}
+};
+
+// ---- Row producers -------------------------------------------------------------
+// value(i, j, o) forms entry [i][j] (o = tri_offset(i)), stores what the pass
+// writes, and returns the value that enters the sums.
+
+struct SumRow {  // the values themselves
+    const double* T;
+    KETRA_HD double value(int, int j, std::size_t o) const { return T[o + j]; }
+};
+
+struct FirstRow {  // F = E / (K*K)
+    double* F;
+    const double* h;
+    const double* ecol;
+    double pairs;
+    KETRA_HD double value(int i, int j, std::size_t o) const {
+        double const v = emission(h, ecol, i, j) / pairs;
+        F[o + j] = v;
+        return v;
+    }
+};
+
+struct ForwardRow {  // F = transition of F (in place), times the emission
+    double* F;
+    const double* Rp;
+    const double* h;
+    const double* ecol;
+    Coefficients c;
+    KETRA_HD double value(int i, int j, std::size_t o) const {
+        double const v = step_value(Rp[i], Rp[j], F[o + j], c) * emission(h, ecol, i, j);
+        F[o + j] = v;
+        return v;
+    }
+};
+
+struct WeightedRow {  // G = E * B
+    const double* B;
+    double* G;
+    const double* h;
+    const double* ecol;
+    KETRA_HD double value(int i, int j, std::size_t o) const {
+        double const v = B[o + j] * emission(h, ecol, i, j);
+        G[o + j] = v;
+        return v;
+    }
+};
+
+struct GammaRow {  // B = transition of G; G = B * E in place; B stored unless null
+    double* G;
+    double* B;
+    const double* Rg;
+    const double* h;
+    const double* ecol;
+    Coefficients c;
+    KETRA_HD double value(int i, int j, std::size_t o) const {
+        double const b = step_value(Rg[i], Rg[j], G[o + j], c);
+        if (B) B[o + j] = b;
+        double const v = b * emission(h, ecol, i, j);
+        G[o + j] = v;
+        return v;
+    }
+};
+
+// ---- Team passes ---------------------------------------------------------------
+// Every team function starts and ends with all threads in step: what one
+// thread wrote is visible to all on return.
+
+// Off-diagonal sum (eight partials) and diagonal value of row i.
+template <class Row>
+KETRA_HD void row_pass(Row const& row, int i, double* off, double* diag) {
+    std::size_t const o = tri_offset(i);
+    double p0 = 0.0, p1 = 0.0, p2 = 0.0, p3 = 0.0, p4 = 0.0, p5 = 0.0, p6 = 0.0, p7 = 0.0;
+    int j = 0;
+    for (; j + 8 <= i; j += 8) {
+        p0 += row.value(i, j, o);
+        p1 += row.value(i, j + 1, o);
+        p2 += row.value(i, j + 2, o);
+        p3 += row.value(i, j + 3, o);
+        p4 += row.value(i, j + 4, o);
+        p5 += row.value(i, j + 5, o);
+        p6 += row.value(i, j + 6, o);
+        p7 += row.value(i, j + 7, o);
+    }
+    if (j < i) p0 += row.value(i, j++, o);
+    if (j < i) p1 += row.value(i, j++, o);
+    if (j < i) p2 += row.value(i, j++, o);
+    if (j < i) p3 += row.value(i, j++, o);
+    if (j < i) p4 += row.value(i, j++, o);
+    if (j < i) p5 += row.value(i, j++, o);
+    if (j < i) p6 += row.value(i, j++, o);
+    off[i] = ((p0 + p1) + (p2 + p3)) + ((p4 + p5) + (p6 + p7));
+    diag[i] = row.value(i, i, o);
+}
+
+// Total of the full symmetric matrix from the rows' off-diagonal sums and diagonals.
+KETRA_HD double total_of(int K, const double* off, const double* diag) {
+    double total = 0.0;
+    for (int i = 0; i < K; ++i) total += 2.0 * off[i] + diag[i];
+    return total;
+}
+
+// Forms the values of T row by row, then the row sums R (unless null) column
+// by column; returns the total. R may be the array the rows read: it is
+// written only after every row is done. work holds 2K + 1 doubles.
+template <class Team, class Row>
+KETRA_HD double sweep(Team const& team, int K, Row const& row, const double* T, double* R, double* work) {
+    double* off = work;
+    double* diag = work + K;
+    double* total = work + 2 * K;
+    for (int i = team.rank(); i < K; i += team.size()) row_pass(row, i, off, diag);
+    team.sync();
+    if (R) {
+        for (int j = team.rank(); j < K; j += team.size()) {
+            double r = off[j] + diag[j];
+            for (int i = j + 1; i < K; ++i) r += T[tri_offset(i) + j];
+            R[j] = r;
+        }
+    }
+    if (team.rank() == team.size() - 1) *total = total_of(K, off, diag);
+    team.sync();
+    // The next pass writes the total only after its rows, behind a sync that
+    // every thread reaches after this read.
+    return *total;
+}
+
+template <class Team>
+KETRA_HD void divide(Team const& team, std::size_t n, double* x, double by) {
+    for (std::size_t k = team.rank(); k < n; k += team.size()) x[k] /= by;
+    team.sync();
+}
+
+template <class Team>
+KETRA_HD void copy(Team const& team, std::size_t n, const double* from, double* to) {
+    for (std::size_t k = team.rank(); k < n; k += team.size()) to[k] = from[k];
+    team.sync();
+}
+
+template <class Team>
+KETRA_HD void fill(Team const& team, std::size_t n, double* x, double value) {
+    for (std::size_t k = team.rank(); k < n; k += team.size()) x[k] = value;
+    team.sync();
+}
+
+// Calls f(i, j, o) for every entry, one row per thread.
+template <class Team, class F>
+KETRA_HD void for_each_entry(Team const& team, int K, F const& f) {
+    for (int i = team.rank(); i < K; i += team.size()) {
+        std::size_t const o = tri_offset(i);
+        for (int j = 0; j <= i; ++j) f(i, j, o);
+    }
+    team.sync();
+}
+
+// ---- Passes of the CPU kernel's interface ---------------------------------------
+
+template <class Team>
+KETRA_HD double forward_first(Team const& team, int K, const double* h, const double* ecol, double* F, double* R,
+                              double* work) {
+    double const pairs = static_cast<double>(K * K);
+    return sweep(team, K, FirstRow{F, h, ecol, pairs}, F, R, work);
+}
+
+// Forward step in place on F; R holds the previous row sums on entry and the
+// new ones on return (rescaled with F when the total is below the limit).
+// Returns the total before rescaling.
+template <class Team>
+KETRA_HD double forward_step(Team const& team, int K, double stay, double jump, double* F, double* R, double Tp,
+                             const double* h, const double* ecol, double* work) {
+    Coefficients const c = coefficients(stay, jump, Tp);
+    double const total = sweep(team, K, ForwardRow{F, R, h, ecol, c}, F, R, work);
+    if (total < underflow_limit) {
+        divide(team, tri_size(K), F, total);
+        divide(team, static_cast<std::size_t>(K), R, total);
+    }
+    return total;
+}
+
+// Pair posterior P from forward values F and backward values B carried to a
+// position with the switch rates of its two distances (propagate false: a
+// distance is 0, no step). work holds 4K + 1 doubles.
+template <class Team>
+KETRA_HD void posterior(Team const& team, int K, bool propagate, double left_stay, double left_jump,
+                        double right_stay, double right_jump, const double* F, const double* B, double* P,
+                        double* work) {
+    if (!propagate) {
+        for_each_entry(team, K, [&](int, int j, std::size_t o) { P[o + j] = F[o + j] * B[o + j]; });
+    } else {
+        double* RF = work + 2 * K + 1;
+        double* RB = RF + K;
+        double const TF = sweep(team, K, SumRow{F}, F, RF, work);
+        double const TB = sweep(team, K, SumRow{B}, B, RB, work);
+        Coefficients const cf = coefficients(left_stay, left_jump, TF);
+        Coefficients const cb = coefficients(right_stay, right_jump, TB);
+        for_each_entry(team, K, [&](int i, int j, std::size_t o) {
+            double const f = step_value(RF[i], RF[j], F[o + j], cf);
+            double const b = step_value(RB[i], RB[j], B[o + j], cb);
+            P[o + j] = f * b;
+        });
+    }
+    double const total = sweep(team, K, SumRow{P}, P, nullptr, work);
+    divide(team, tri_size(K), P, total);
+}
+
+// Branch sums of one tree: the same node-by-node recursion as the CPU kernel.
+// Nodes 0..K-1 are leaves; order[lo[v] .. hi[v]) are node v's leaves. For
+// each of the n_marked nodes in marked, writes both and one to out (two
+// values per node). work holds 3 * n_nodes doubles.
+struct TreeView {
+    int n_nodes;
+    const int* child_a;
+    const int* child_b;
+    const int* lo;
+    const int* hi;
+    const int* order;
+    const int* marked;
+    int n_marked;
+};
+
+template <class Team>
+KETRA_HD void branch_probabilities(Team const& team, int K, TreeView const& tree, const double* P, const double* m,
+                                   double* out, double* work) {
+    int const n = tree.n_nodes;
+    double* cross = work;  // pairs with one leaf under each child, per merge
+    double* W = work + n;
+    double* S = work + 2 * n;
+    for (int v = K + team.rank(); v < n; v += team.size()) {
+        int const a = tree.child_a[v], b = tree.child_b[v];
+        double c = 0.0;
+        for (int p = tree.lo[b]; p < tree.hi[b]; ++p) {
+            int const x = tree.order[p];
+            std::size_t const ox = tri_offset(x);
+            double row = 0.0;
+            for (int q = tree.lo[a]; q < tree.hi[a]; ++q) {
+                int const y = tree.order[q];
+                row += x > y ? P[ox + y] : P[tri_offset(y) + x];
+            }
+            c += row;
+        }
+        cross[v] = c;
+    }
+    team.sync();
+    if (team.rank() == 0) {
+        for (int v = 0; v < n; ++v) {
+            if (v < K) {
+                W[v] = P[tri_offset(v) + v];
+                S[v] = m[v];
+            } else {
+                int const a = tree.child_a[v], b = tree.child_b[v];
+                W[v] = (W[a] + W[b]) + 2.0 * cross[v];
+                S[v] = S[a] + S[b];
+            }
+        }
+    }
+    team.sync();
+    for (int t = team.rank(); t < tree.n_marked; t += team.size()) {
+        int const v = tree.marked[t];
+        out[2 * t] = W[v];
+        out[2 * t + 1] = 2.0 * (S[v] - W[v]);
+    }
+    team.sync();
+}
+
+// ---- Whole individual ------------------------------------------------------------
+
+// One tree position as the device sees it.
+struct PositionPlan {
+    int left_slot;      // kept forward array of the left flank
+    int propagate;      // 0 when a distance is 0
+    double left_stay, left_jump, right_stay, right_jump;
+    int tree;           // index into the plan's trees, -1 for none
+    int branch_offset;  // into an individual's branch values
+};
+
+// Everything shared by the individuals of a run, prepared on the host.
+struct Plan {
+    int K = 0, L = 0, n_kept = 0, n_positions = 0;
+    const double* alleles = nullptr;   // L x K, 0.0 / 1.0
+    const double* stay = nullptr;      // per SNP, from the previous SNP
+    const double* jump = nullptr;
+    const double* emission = nullptr;  // 4 x 3: emission[3g + a] = E[a][g]
+    const int* keep_slot = nullptr;    // per SNP, -1 when not kept
+    const int* by_right_start = nullptr;
+    const int* by_right = nullptr;
+    const PositionPlan* positions = nullptr;
+    const TreeView* trees = nullptr;
+    bool every_posterior = false;      // keep each position's pair posterior
+};
+
+// Buffers of one individual. pairs, kept, B, backup and P are pair arrays
+// (kept: n_kept of them; P: one per position with every_posterior); R0 and R1
+// hold K doubles, work 4K + 1 + 3 * (largest tree's node count).
+struct Work {
+    double* pairs;
+    double* kept;
+    double* B;
+    double* backup;
+    double* P;
+    double* R0;
+    double* R1;
+    double* work;
+};
+
+// Per-individual results: m (positions x K), branch values, and the status
+// (0, or an error code the host reports).
+struct Output {
+    double* m;
+    double* branches;
+    int* status;
+};
+
+enum Status : int { status_ok = 0, status_unexpected_rescaling = 1 };
+
+// Whether the next backward total might fall below the limit: the step keeps
+// the total of G (its coefficients sum to one), so the new total is at least
+// Tg times the smallest emission, up to rounding far below the factor 2.
+KETRA_HD bool might_underflow(double Tg, const double* ecol) {
+    double e = ecol[0];
+    if (ecol[1] < e) e = ecol[1];
+    if (ecol[2] < e) e = ecol[2];
+    return !(Tg * e > 2.0 * underflow_limit);
+}
+
+// Both passes of one individual with the CPU pipeline's order of work and
+// rescaling; at each position, the pair posterior, the haplotype
+// probabilities and the branch values.
+template <class Team>
+KETRA_HD void run_individual(Team const& team, Plan const& plan, const std::uint8_t* genotypes, Work const& w,
+                             Output const& out) {
+    int const K = plan.K, L = plan.L;
+    if (team.rank() == 0) *out.status = status_ok;
+    if (K == 0 || L == 0) return;
+    std::size_t const n = tri_size(K);
+    auto h = [&](int s) { return plan.alleles + static_cast<std::size_t>(s) * K; };
+    auto ecol = [&](int s) { return plan.emission + 3 * genotypes[s]; };
+
+    // Forward, in place; left flanks are kept after their rescaling.
+    double* F = w.pairs;
+    auto keep = [&](int s) {
+        if (plan.keep_slot[s] >= 0) copy(team, n, F, w.kept + n * plan.keep_slot[s]);
+    };
+    double total = forward_first(team, K, h(0), ecol(0), F, w.R0, w.work);
+    keep(0);
+    for (int s = 1; s < L; ++s) {
+        total = forward_step(team, K, plan.stay[s], plan.jump[s], F, w.R0, total, h(s), ecol(s), w.work);
+        keep(s);
+    }
+
+    // Backward on G = E * B, in place. B is formed where a position needs it,
+    // during the step; when a total underflows at a SNP without positions, it
+    // is formed afterwards from the copy of the previous G made for that case.
+    double* G = w.pairs;
+    double* B = w.B;
+    double* rg = w.R0;      // row sums of the current G
+    double* rg_out = w.R1;  // those of the next
+    auto finish = [&](int s) {
+        for (int k = plan.by_right_start[s]; k < plan.by_right_start[s + 1]; ++k) {
+            int const p = plan.by_right[k];
+            PositionPlan const& pp = plan.positions[p];
+            double* P = plan.every_posterior ? w.P + n * p : w.P;
+            posterior(team, K, pp.propagate != 0, pp.left_stay, pp.left_jump, pp.right_stay, pp.right_jump,
+                      w.kept + n * pp.left_slot, B, P, w.work);
+            double* m = out.m + static_cast<std::size_t>(p) * K;
+            sweep(team, K, SumRow{P}, P, m, w.work);
+            if (pp.tree >= 0)
+                branch_probabilities(team, K, plan.trees[pp.tree], P, m, out.branches + pp.branch_offset,
+                                     w.work + 4 * K + 1);
+        }
+    };
+    auto has_positions = [&](int s) { return plan.by_right_start[s] < plan.by_right_start[s + 1]; };
+    auto reweigh = [&](int s) {  // G = E * B after B was rescaled
+        const double* hs = h(s);
+        const double* es = ecol(s);
+        for_each_entry(team, K, [&](int i, int j, std::size_t o) { G[o + j] = B[o + j] * emission(hs, es, i, j); });
+    };
+    fill(team, n, B, 1.0);
+    double tg = 0.0;
+    if (L > 1) {
+        tg = sweep(team, K, WeightedRow{B, G, h(L - 1), ecol(L - 1)}, G, rg, w.work);
+        if (tg < underflow_limit) {
+            divide(team, n, B, tg);
+            divide(team, static_cast<std::size_t>(K), rg, tg);
+            reweigh(L - 1);
+            tg = 1.0;
+        }
+    }
+    finish(L - 1);
+    for (int s = L - 2; s >= 0; --s) {
+        Coefficients const c = coefficients(plan.stay[s + 1], plan.jump[s + 1], tg);
+        bool const need_b = has_positions(s);
+        double t = 0.0;
+        bool rescale = false;
+        if (s > 0) {
+            bool const backed_up = !need_b && might_underflow(tg, ecol(s));
+            if (backed_up) copy(team, n, G, w.backup);
+            t = sweep(team, K, GammaRow{G, need_b ? B : nullptr, rg, h(s), ecol(s), c}, G, rg_out, w.work);
+            rescale = t < underflow_limit;
+            if (rescale && !need_b) {
+                if (!backed_up) {
+                    if (team.rank() == 0) *out.status = status_unexpected_rescaling;
+                    return;
+                }
+                const double* Gn = w.backup;
+                for_each_entry(team, K, [&](int i, int j, std::size_t o) {
+                    B[o + j] = step_value(rg[i], rg[j], Gn[o + j], c);
+                });
+            }
+        } else if (need_b) {
+            for_each_entry(team, K, [&](int i, int j, std::size_t o) {
+                B[o + j] = step_value(rg[i], rg[j], G[o + j], c);
+            });
+        }
+        if (rescale) {
+            divide(team, n, B, t);
+            divide(team, static_cast<std::size_t>(K), rg_out, t);
+            reweigh(s);
+            t = 1.0;
+        }
+        finish(s);
+        double* const spent = rg;
+        rg = rg_out;
+        rg_out = spent;
+        tg = t;
+    }
+}
+
+}  // namespace gpu_arith

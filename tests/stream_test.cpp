@@ -1,0 +1,269 @@
+// Split runs and the results stream: chunk runs merged with -merge give the
+// single run's files byte for byte; broken, missing or foreign partial results
+// end with status 1; the memory check warns or stops only when a run does not fit.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ctime>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "hmm/memory_check.h"
+#include "hmm/partial_results.h"
+#include "hmm/run_error.h"
+#include "io/gzip_member.h"
+#include "io/text_stream.h"
+#include "support/test_support.h"
+
+namespace fs = boost::filesystem;
+using ketra_test::read_file;
+using ketra_test::run_ketra;
+using ketra_test::TempDir;
+
+namespace {
+
+fs::path small_dir() { return fs::path(ketra_test::source_dir()) / "tests" / "data" / "small"; }
+
+void copy_inputs(TempDir const& dir) {
+    for (auto const& entry : fs::directory_iterator(small_dir()))
+        if (fs::is_regular_file(entry.path())) fs::copy_file(entry.path(), dir.path() / entry.path().filename());
+}
+
+std::vector<std::string> args(std::string const& output, std::vector<std::string> const& more) {
+    std::vector<std::string> a = {"-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g", "study.gen",
+                                  "-tree_file", "trees.txt", "-int", "900", "2000", "-buffer", "0",
+                                  "-tavlo_input", "-print_matrix", "-o", output};
+    a.insert(a.end(), more.begin(), more.end());
+    return a;
+}
+
+// Files of a folder by name, skipping the .aux files and the partial results.
+std::map<std::string, std::string> result_files(fs::path const& folder) {
+    std::map<std::string, std::string> files;
+    for (auto const& entry : fs::directory_iterator(folder)) {
+        std::string const name = entry.path().filename().string();
+        if (name.find(".aux") != std::string::npos || name.find(".chunk") != std::string::npos) continue;
+        files[name] = read_file(entry.path().string());
+    }
+    return files;
+}
+
+}  // namespace
+
+TEST(SplitRun, MergedChunksEqualTheSingleRun) {
+    TempDir dir;
+    copy_inputs(dir);
+    struct split_case {
+        std::string output;  // a .gz name gives a gzip matrix file
+        int chunks;
+        std::string chunk_threads, merge_threads;
+    };
+    split_case const cases[] = {
+        {"run", 1, "1", "1"}, {"run", 2, "2", "1"}, {"run.gz", 3, "1", "3"}, {"run", 5, "2", "2"},  // 5 > N
+    };
+    for (auto const& c : cases) {
+        std::string const tag = c.output + " n=" + std::to_string(c.chunks);
+        SCOPED_TRACE(tag);
+        std::string const single = "single" + std::to_string(c.chunks) + "/" + c.output;
+        std::string const split = "split" + std::to_string(c.chunks) + "/" + c.output;
+        ASSERT_EQ(run_ketra(args(single, {}), dir.path().string()).status, 0);
+        for (int i = 1; i <= c.chunks; ++i) {
+            auto const r = run_ketra(args(split, {"-chunk", std::to_string(i), std::to_string(c.chunks), "-threads",
+                                                  c.chunk_threads}),
+                                     dir.path().string());
+            ASSERT_EQ(r.status, 0) << r.out;
+            // Chunks write only their own files.
+            EXPECT_TRUE(result_files(fs::path(dir.file(split)).parent_path()).empty());
+        }
+        auto const merged = run_ketra(args(split, {"-merge", std::to_string(c.chunks), "-threads", c.merge_threads}),
+                                      dir.path().string());
+        ASSERT_EQ(merged.status, 0) << merged.out;
+        EXPECT_NE(merged.out.find("Merging the partial results of " + std::to_string(c.chunks) + " chunk runs ... done"),
+                  std::string::npos);
+        auto const expected = result_files(fs::path(dir.file(single)).parent_path());
+        auto const got = result_files(fs::path(dir.file(split)).parent_path());
+        ASSERT_EQ(expected.size(), 11u);  // matrix file, 5 pardo and 5 .full_matrix files
+        ASSERT_EQ(got.size(), expected.size());
+        for (auto const& f : expected) EXPECT_TRUE(got.count(f.first) && got.at(f.first) == f.second) << f.first;
+        // The single run's work folder is gone.
+        for (auto const& entry : fs::directory_iterator(fs::path(dir.file(single)).parent_path()))
+            EXPECT_EQ(entry.path().filename().string().find(".work"), std::string::npos);
+    }
+}
+
+TEST(SplitRun, BadChunksEndWithStatusOne) {
+    TempDir dir;
+    copy_inputs(dir);
+    auto const chunk = [&](int i, int n) {
+        return run_ketra(args("s/run", {"-chunk", std::to_string(i), std::to_string(n)}), dir.path().string());
+    };
+    auto const merge = [&](int n) { return run_ketra(args("s/run", {"-merge", std::to_string(n)}), dir.path().string()); };
+    auto const expect_stop = [](ketra_test::RunResult const& r, std::string const& cause) {
+        EXPECT_EQ(r.status, 1);
+        EXPECT_NE(r.out.find(cause), std::string::npos) << r.out.substr(r.out.size() > 400 ? r.out.size() - 400 : 0);
+        EXPECT_NE(r.out.find("Program terminated\n"), std::string::npos);
+    };
+
+    for (auto const& bad : std::vector<std::pair<int, int>>{{0, 2}, {3, 2}, {-1, 2}, {1, 0}}) {
+        SCOPED_TRACE(std::to_string(bad.first) + " of " + std::to_string(bad.second));
+        expect_stop(chunk(bad.first, bad.second), "the chunk must be between 1 and");
+    }
+    expect_stop(run_ketra(args("s/run", {"-chunk", "1", "2", "-merge", "2"}), dir.path().string()),
+                "cannot be given together");
+    expect_stop(merge(0), "the number of chunks must be at least 1");
+
+    ASSERT_EQ(chunk(1, 2).status, 0);
+    std::string const part2 = dir.file("s/run.chunk2of2.part");
+    expect_stop(merge(2), "s/run.chunk2of2.part: partial results of chunk 2 of 2 are missing");
+    ASSERT_EQ(chunk(2, 2).status, 0);
+    std::string const index = read_file(part2);
+    ASSERT_EQ(merge(2).status, 0);
+
+    struct broken_case {
+        std::string what;
+        std::function<void()> damage;
+        std::string cause;
+    };
+    std::string const data0 = part2 + ".0";
+    std::string const data = read_file(data0);
+    std::time_t const genotypes_time = fs::last_write_time(dir.file("study.gen"));
+    broken_case const cases[] = {
+        {"no complete mark", [&] { ketra_test::write_file(part2, index.substr(0, index.rfind("complete"))); },
+         "partial results are incomplete (run it again with -chunk 2 2)"},
+        {"record file cut short", [&] { ketra_test::write_file(data0, data.substr(0, data.size() - 8)); },
+         "run.chunk2of2.part.0: partial results are incomplete"},
+        {"input file changed since", [&] { fs::last_write_time(dir.file("study.gen"), genotypes_time + 60); },
+         "partial results made by another command line or from other input files"},
+        {"chunk of another split", [&] { fs::copy_file(dir.file("s/run.chunk1of2.part"), part2, fs::copy_option::overwrite_if_exists); },
+         "partial results belong to chunk 1 of 2, not 2 of 2"},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.what);
+        c.damage();
+        expect_stop(merge(2), c.cause);
+        ketra_test::write_file(part2, index);
+        ketra_test::write_file(data0, data);
+        fs::last_write_time(dir.file("study.gen"), genotypes_time);
+        ASSERT_EQ(merge(2).status, 0);
+    }
+    // The same chunks do not make a split into three.
+    expect_stop(merge(3), "run.chunk1of3.part: partial results of chunk 1 of 3 are missing");
+    // Other options than -threads change the fingerprint.
+    expect_stop(run_ketra(args("s/run", {"-merge", "2", "-Ne", "10000"}), dir.path().string()),
+                "partial results made by another command line");
+}
+
+TEST(SplitRun, ChunksCoverTheIndividualsInNearEqualSlices) {
+    for (int N : {0, 1, 3, 10, 4000}) {
+        for (int n : {1, 2, 3, 7, 12}) {
+            int next = 0, smallest = N, largest = 0;
+            for (int i = 1; i <= n; ++i) {
+                auto const slice = chunk_individuals(i, n, N);
+                EXPECT_EQ(slice.first, next) << N << " " << n << " " << i;
+                next = slice.second;
+                smallest = std::min(smallest, slice.second - slice.first);
+                largest = std::max(largest, slice.second - slice.first);
+            }
+            EXPECT_EQ(next, N);
+            EXPECT_LE(largest - smallest, 1) << N << " " << n;
+        }
+    }
+}
+
+TEST(MemoryCheck, WarnsOrStopsOnlyWhenTheRunDoesNotFit) {
+    struct memory_case {
+        double needed, available;
+        int threads;
+        bool strict;
+        std::string printed;  // empty: nothing printed
+        bool stops;
+    };
+    memory_case const cases[] = {
+        {100e6, 200e6, 4, false, "", false},
+        {100e6, 200e6, 4, true, "", false},
+        {100e6, -1, 4, true, "", false},  // nothing known about the machine
+        {300e6, 200e6, 4, false, "needs about 300 MB of memory, but only 200 MB is available. Use fewer threads (-threads 2)", false},
+        {300e6, 200e6, 1, false, "Use fewer threads, or split the individuals over several runs with -chunk", false},
+        {300e6, 200e6, 2, true, "", true},
+    };
+    for (auto const& c : cases) {
+        std::ostringstream console;
+        bool stopped = false;
+        try {
+            check_memory(c.needed, c.available, c.threads, c.strict, console);
+        } catch (run_error const& e) {
+            stopped = true;
+            EXPECT_NE(e.what().find("-chunk <i> <n>"), std::string::npos);
+        }
+        EXPECT_EQ(stopped, c.stops) << c.needed << " " << c.available;
+        if (c.printed.empty()) EXPECT_EQ(console.str(), "");
+        else EXPECT_NE(console.str().find(c.printed), std::string::npos) << console.str();
+    }
+    // Each thread adds its kept forward arrays; the records on disk add nothing.
+    run_size bench;
+    bench.K = 200, bench.L = 2000, bench.N = 500, bench.positions = 201, bench.kept_forward_arrays = 201;
+    run_size two_threads = bench, many_individuals = bench;
+    two_threads.threads = 2;
+    many_individuals.N = 4000, many_individuals.L = 244, many_individuals.positions = 23;
+    many_individuals.kept_forward_arrays = 23;
+    EXPECT_LT(estimate_peak_memory(bench), 160e6);
+    EXPECT_LT(estimate_peak_memory(many_individuals), 160e6);
+    EXPECT_GT(estimate_peak_memory(two_threads), estimate_peak_memory(bench) + 201 * 20100 * 8.0);
+}
+
+TEST(CompressedPardo, DecompressesToThePlainFiles) {
+    TempDir dir;
+    copy_inputs(dir);
+    ASSERT_EQ(run_ketra(args("plain/run", {}), dir.path().string()).status, 0);
+    std::vector<std::vector<std::string>> const runs = {
+        {"-threads", "1"}, {"-threads", "3"}, {"-chunk", "1", "2"}, {"-chunk", "2", "2", "-threads", "2"}, {"-merge", "2"}};
+    for (auto const& extra : runs) {
+        auto more = extra;
+        more.push_back("-pardo_gz");
+        std::string const out = extra[0] == "-threads" ? "gz" + extra[1] + "/run" : "split/run";
+        ASSERT_EQ(run_ketra(args(out, more), dir.path().string()).status, 0);
+        if (extra[0] == "-chunk") continue;
+        SCOPED_TRACE(out);
+        int pardo_files = 0;
+        for (auto const& f : result_files(dir.path() / "plain")) {
+            if (f.first.size() < 6 || f.first.compare(f.first.size() - 6, 6, ".pardo") != 0) {
+                // Everything else is as in a plain run.
+                EXPECT_EQ(read_file(dir.file(out.substr(0, out.find('/')) + "/" + f.first)), f.second) << f.first;
+                continue;
+            }
+            ++pardo_files;
+            std::string const gz = dir.file(out.substr(0, out.find('/')) + "/" + f.first + ".gz");
+            EXPECT_EQ(ketra_test::read_gz_file(gz), f.second) << gz;
+            EXPECT_FALSE(ketra_test::file_exists(dir.file(out.substr(0, out.find('/')) + "/" + f.first)));
+        }
+        EXPECT_EQ(pardo_files, 5);
+    }
+}
+
+// Independently compressed blocks, concatenated, read back as one text by the
+// program's own gzip reader.
+TEST(CompressedPardo, ConcatenatedMembersReadAsOneText) {
+    TempDir dir;
+    std::vector<std::vector<std::string>> const cases = {
+        {"one line\n"}, {"first block ", "second\n", "", "third\nfourth\n"}, {std::string(3 << 20, 'x') + "\n", "end\n"}};
+    for (auto const& blocks : cases) {
+        std::string file, text;
+        for (auto const& b : blocks) {
+            if (!b.empty()) append_gzip_member(file, b, 1);
+            text += b;
+        }
+        ketra_test::write_file(dir.file("t.gz"), file);
+        auto in = open_text_input(dir.file("t.gz"));
+        ASSERT_TRUE(in);
+        std::string read((std::istreambuf_iterator<char>(*in)), std::istreambuf_iterator<char>());
+        EXPECT_EQ(read.size(), text.size());
+        EXPECT_TRUE(read == text);
+    }
+}
