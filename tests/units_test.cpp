@@ -1,6 +1,4 @@
-// Small units whose effect the end-to-end cases cannot isolate: strand
-// prediction at its boundaries, number text against stream output, and the
-// progress bar's clamping.
+// Units whose effect the end-to-end cases cannot isolate.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -50,16 +48,15 @@ TEST(StrandPrediction, ReversesOnlyClearlyMismatchedFrequencies) {
     }
 }
 
-// The fast number text must equal what an ostream writes at the same precision.
+// The fast number text must equal what an ostream writes at the same precision:
+// special values, then probabilities over many magnitudes, raw bit patterns and positions.
 TEST(NumberText, MatchesStreamOutput) {
-    double const inf = std::numeric_limits<double>::infinity();
-    std::vector<double> values = {0.0, -0.0, 1.0, -1.0, 0.5, 1e-5, 1e-4, 9.999995e-5, 123456.5, 999999.5, 1e6,
-                                  1234567, 99999.95, 1e15, 4.75925e-15, 5e-324, 1.7976931348623157e308, inf, -inf,
-                                  std::nan(""), 0.1 + 0.2, 1.0 / 3.0};
+    std::vector<double> values = {-0.0, 9.999995e-5, 999999.5, 99999.95, 5e-324, 1.7976931348623157e308,
+                                  std::numeric_limits<double>::infinity(), std::nan("")};
     std::mt19937_64 rng(7);
     std::uniform_real_distribution<double> unit(0.0, 1.0);
     for (int i = 0; i < 20000; ++i) {
-        std::uint64_t bits = rng();
+        std::uint64_t const bits = rng();
         double raw;
         std::memcpy(&raw, &bits, sizeof raw);
         values.insert(values.end(), {unit(rng) * std::pow(10.0, -static_cast<int>(unit(rng) * 40)), raw,
@@ -73,11 +70,6 @@ TEST(NumberText, MatchesStreamOutput) {
             append_number(fast, v, precision);
             ASSERT_EQ(fast, os.str()) << v;
         }
-    for (int v : {0, -3, 2147483647, -2147483647 - 1}) {
-        std::string s;
-        append_number(s, v);
-        EXPECT_EQ(s, std::to_string(v));
-    }
 }
 
 TEST(ProgressBar, FillsByTruncatedFractionAndClamps) {
