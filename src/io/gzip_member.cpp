@@ -1,23 +1,24 @@
 #include "io/gzip_member.h"
 
-#include <zlib.h>
+#include <libdeflate.h>
 
+#include <new>
 #include <stdexcept>
 
-void append_gzip_member(std::string& out, std::string const& text, int level) {
-    z_stream z{};
-    // 15 window bits + 16: a gzip header and trailer around the deflate data.
-    if (deflateInit2(&z, level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK)
-        throw std::runtime_error("gzip: cannot start the compressor");
+gzip_compressor::gzip_compressor(int level) : compressor_(libdeflate_alloc_compressor(level)) {
+    if (!compressor_) throw std::bad_alloc();
+}
+
+gzip_compressor::~gzip_compressor() { libdeflate_free_compressor(compressor_); }
+
+void gzip_compressor::append_member(std::string& out, char const* text, std::size_t size) {
     std::size_t const start = out.size();
-    out.resize(start + deflateBound(&z, static_cast<uLong>(text.size())) + 32);
-    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    z.avail_in = static_cast<uInt>(text.size());
-    z.next_out = reinterpret_cast<Bytef*>(&out[start]);
-    z.avail_out = static_cast<uInt>(out.size() - start);
-    int const status = deflate(&z, Z_FINISH);
-    std::size_t const written = out.size() - start - z.avail_out;
-    deflateEnd(&z);
-    if (status != Z_STREAM_END) throw std::runtime_error("gzip: block did not fit its bound");
+    out.resize(start + libdeflate_gzip_compress_bound(compressor_, size));
+    std::size_t const written = libdeflate_gzip_compress(compressor_, text, size, &out[start], out.size() - start);
+    if (written == 0) throw std::runtime_error("gzip: block did not fit its bound");
     out.resize(start + written);
+}
+
+void append_gzip_member(std::string& out, std::string const& text, int level) {
+    gzip_compressor(level).append_member(out, text.data(), text.size());
 }
