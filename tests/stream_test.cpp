@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <ctime>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -18,8 +17,6 @@
 #include "hmm/memory_check.h"
 #include "hmm/partial_results.h"
 #include "hmm/run_error.h"
-#include "io/gzip_member.h"
-#include "io/text_stream.h"
 #include "support/test_support.h"
 
 namespace fs = boost::filesystem;
@@ -248,26 +245,5 @@ TEST(CompressedPardo, DecompressesToThePlainFiles) {
             EXPECT_FALSE(ketra_test::file_exists(dir.file(out.substr(0, out.find('/')) + "/" + f.first)));
         }
         EXPECT_EQ(pardo_files, 5);
-    }
-}
-
-// Independently compressed blocks, concatenated, read back as one text by the
-// program's own gzip reader.
-TEST(CompressedPardo, ConcatenatedMembersReadAsOneText) {
-    TempDir dir;
-    std::vector<std::vector<std::string>> const cases = {
-        {"one line\n"}, {"first block ", "second\n", "", "third\nfourth\n"}, {std::string(3 << 20, 'x') + "\n", "end\n"}};
-    for (auto const& blocks : cases) {
-        std::string file, text;
-        for (auto const& b : blocks) {
-            if (!b.empty()) append_gzip_member(file, b, 1);
-            text += b;
-        }
-        ketra_test::write_file(dir.file("t.gz"), file);
-        auto in = open_text_input(dir.file("t.gz"));
-        ASSERT_TRUE(in);
-        std::string read((std::istreambuf_iterator<char>(*in)), std::istreambuf_iterator<char>());
-        EXPECT_EQ(read.size(), text.size());
-        EXPECT_TRUE(read == text);
     }
 }
