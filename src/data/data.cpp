@@ -1,6 +1,5 @@
 #include "data/data.h"
 
-#include <algorithm>
 #include <iostream>
 
 #include "io/output_file.h"
@@ -25,15 +24,6 @@ data::data(LSMatrixParameters const& p) {
     setup();
     if (parameters.seen("-exclude_samples")) apply_sample_exclusions();
     write_aux_file();
-}
-
-void reverse_allele_coding(snp& s, std::size_t individuals) {
-    std::size_t const n = std::min({individuals, s.genotypes.size(), s.genotype_probs.size()});
-    for (std::size_t i = 0; i < n; ++i) {
-        if (s.genotypes[i] != 3) s.genotypes[i] = 2 - s.genotypes[i];
-        std::reverse(s.genotype_probs[i].begin(), s.genotype_probs[i].end());
-    }
-    s.genotype_frequency = 1.0 - s.genotype_frequency;
 }
 
 int data::remove_excluded_snps() {

@@ -5,6 +5,7 @@
 #include <map>
 #include <utility>
 
+#include "data/allele_coding.h"
 #include "data/data.h"
 
 void data::setup() {

@@ -7,18 +7,10 @@
 #include <sstream>
 #include <string>
 
-#include "io/console.h"
+#include "data/allele_coding.h"
 #include "data/data.h"
+#include "io/console.h"
 #include "io/text_stream.h"
-
-std::string flip(std::string allele) {
-    if (allele == "A") return "T";
-    if (allele == "T") return "A";
-    if (allele == "C") return "G";
-    if (allele == "G") return "C";
-    std::cout << "WARNING!!! Unknown allele type " << allele << " detected during strand alignment" << std::endl;
-    return "N";
-}
 
 void data::read_strand_data() {
     bool const fix = parameters.seen("-fix_strand");

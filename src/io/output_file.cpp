@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 
+#include <boost/filesystem/operations.hpp>
 #include <boost/iostreams/categories.hpp>
 #include <boost/iostreams/filter/gzip.hpp>
 #include <boost/iostreams/filtering_stream.hpp>
@@ -70,7 +71,13 @@ void output_file::set_whole_files_only(bool on) {
 
 output_file::output_file(boost::filesystem::path path, mode how, bool gzip_by_name)
     : path_(std::move(path)), file_(std::make_shared<descriptor>()) {
-    if (whole_files_only) {
+    // A device or pipe named as an output is written directly: renaming a
+    // file over it would replace the device itself.
+    boost::system::error_code ignored;
+    auto const existing = boost::filesystem::status(path_, ignored).type();
+    bool const special = existing == boost::filesystem::character_file || existing == boost::filesystem::block_file ||
+                         existing == boost::filesystem::fifo_file || existing == boost::filesystem::socket_file;
+    if (whole_files_only && !special) {
         boost::filesystem::path const folder = path_.parent_path();
         std::string pattern = (folder / ("." + path_.filename().string() + ".XXXXXX")).string();
         file_->fd = ::mkstemp(&pattern[0]);

@@ -1,19 +1,18 @@
 #include "support/test_support.h"
 
 #include <sys/wait.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
-#include <iostream>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 
 #include <boost/filesystem/operations.hpp>
-#include <boost/iostreams/copy.hpp>
 #include <boost/iostreams/device/file.hpp>
 #include <boost/iostreams/filter/gzip.hpp>
 #include <boost/iostreams/filtering_stream.hpp>
@@ -36,16 +35,21 @@ TempDir::~TempDir() {
 std::string TempDir::file(std::string const& name) const { return (path_ / name).string(); }
 
 void write_file(std::string const& path, std::string const& content) {
+    fs::create_directories(fs::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot write " + path);
-    out << content;
+    if (!(out << content)) throw std::runtime_error("cannot write " + path);
 }
 
 void write_gz_file(std::string const& path, std::string const& content) {
+    fs::create_directories(fs::path(path).parent_path());
     io::filtering_ostream out;
     out.push(io::gzip_compressor());
     out.push(io::file_sink(path, std::ios::binary | std::ios::trunc));
     out << content;
+}
+
+void write_input_file(std::string const& path, std::string const& content) {
+    (text_ends_with(path, ".gz") ? write_gz_file : write_file)(path, content);
 }
 
 std::string read_file(std::string const& path) {
@@ -61,54 +65,109 @@ std::string read_gz_file(std::string const& path) {
     in.push(io::gzip_decompressor());
     in.push(io::file_source(path, std::ios::binary));
     std::ostringstream s;
-    io::copy(in, s);
+    s << in.rdbuf();
     return s.str();
 }
 
 bool file_exists(std::string const& path) { return fs::exists(path); }
 
+bool text_ends_with(std::string const& text, std::string const& tail) {
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
 namespace {
+
+void copy_folder(fs::path const& from, TempDir const& dir) {
+    for (auto const& entry : fs::directory_iterator(from))
+        if (fs::is_regular_file(entry.path())) fs::copy_file(entry.path(), dir.path() / entry.path().filename());
+}
+
 std::string shell_quote(std::string const& s) {
     std::string q = "'";
-    for (char c : s) {
-        if (c == '\'') q += "'\\''";
-        else q += c;
-    }
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return q + "'";
 }
+
+// A gzip file must hold one complete stream and nothing after it.
+std::string inflate_whole(std::string const& path) {
+    std::string const raw = read_file(path);
+    z_stream z{};
+    if (inflateInit2(&z, 15 + 16) != Z_OK) throw std::runtime_error("zlib");
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(raw.data()));
+    z.avail_in = static_cast<uInt>(raw.size());
+    std::string text;
+    char buffer[1 << 14];
+    int status = Z_OK;
+    while (status == Z_OK) {
+        z.next_out = reinterpret_cast<Bytef*>(buffer);
+        z.avail_out = sizeof buffer;
+        status = inflate(&z, Z_NO_FLUSH);
+        text.append(buffer, sizeof buffer - z.avail_out);
+    }
+    uInt const left = z.avail_in;
+    inflateEnd(&z);
+    if (status != Z_STREAM_END || left != 0) return "<not one whole gzip stream>";
+    return text;
+}
+
+// The echoed command line starts with the binary's path, which depends on the build folder.
+std::string without_binary_path(std::string text) {
+    std::string const path = KETRA_BINARY;
+    for (std::size_t at = text.find(path); at != std::string::npos; at = text.find(path, at))
+        text.replace(at, path.size(), "ketra");
+    return text;
+}
+
 }  // namespace
+
+void copy_small_data(TempDir const& dir) { copy_folder(fs::path(source_dir()) / "tests/data/small", dir); }
+void copy_example_data(TempDir const& dir) { copy_folder(fs::path(source_dir()) / "examples/chr20-small", dir); }
+
+std::vector<std::string> small_data_args(std::string const& output) {
+    return {"-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g", "study.gen", "-tree_file", "trees.txt",
+            "-int", "900", "2000", "-buffer", "0", "-o", output};
+}
 
 RunResult run_ketra(std::vector<std::string> const& args, std::string const& cwd) {
     TempDir capture;
-    std::string const out_file = capture.file("stdout");
-    std::string const err_file = capture.file("stderr");
     std::string command = "cd " + shell_quote(cwd) + " && " + shell_quote(KETRA_BINARY);
     for (auto const& a : args) command += " " + shell_quote(a);
-    command += " >" + shell_quote(out_file) + " 2>" + shell_quote(err_file) + " </dev/null";
+    command += " >" + shell_quote(capture.file("out")) + " 2>" + shell_quote(capture.file("err")) + " </dev/null";
     int const raw = std::system(command.c_str());
     RunResult r;
     r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.out = read_file(out_file);
-    r.err = read_file(err_file);
+    r.out = read_file(capture.file("out"));
+    r.err = read_file(capture.file("err"));
     return r;
 }
 
 std::string mask_timing(std::string text) {
-    static std::regex const timing("Ketra took [0-9]+\\.[0-9]{2} seconds to complete\\.");
-    return std::regex_replace(text, timing, "Ketra took X seconds to complete.");
+    static std::regex const timing("Ketra took [0-9]+\\.[0-9]{2} seconds");
+    return std::regex_replace(text, timing, "Ketra took X seconds");
 }
 
-struct CoutCapture::Impl {
-    std::ostringstream buffer;
-    std::streambuf* saved = nullptr;
-};
+std::string mask_run_text(std::string text) { return mask_timing(without_binary_path(std::move(text))); }
 
-CoutCapture::CoutCapture() : impl_(new Impl) { impl_->saved = std::cout.rdbuf(impl_->buffer.rdbuf()); }
-CoutCapture::~CoutCapture() {
-    std::cout.rdbuf(impl_->saved);
-    delete impl_;
+std::map<std::string, std::string> collect_output_files(fs::path const& folder) {
+    std::map<std::string, std::string> files;
+    if (!fs::is_directory(folder)) return files;
+    for (fs::recursive_directory_iterator it(folder), end; it != end; ++it) {
+        if (!fs::is_regular_file(it->path())) continue;
+        std::string const name = it->path().lexically_relative(folder).generic_string();
+        if (it->path().extension() == ".gz") files[name + ".unzipped"] = inflate_whole(it->path().string());
+        else files[name] = without_binary_path(read_file(it->path().string()));
+    }
+    return files;
 }
-std::string CoutCapture::text() const { return impl_->buffer.str(); }
+
+std::string without_command_line(std::string text) {
+    std::string const label = "Command line output is:\n";
+    for (std::size_t at = text.find(label); at != std::string::npos; at = text.find(label, at + label.size())) {
+        std::size_t const end = text.find('\n', at + label.size());
+        text.erase(at + label.size(), end == std::string::npos ? std::string::npos : end + 1 - at - label.size());
+    }
+    return text;
+}
 
 std::string source_dir() { return KETRA_SOURCE_DIR; }
 

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Checks the #include lines under src/: a folder includes only folders below
+# it, and no files include each other in a circle (a header and its source
+# file count as one unit).
+#   io, numlib < params < data, trees < hmm < app
+set -euo pipefail
+src=${1:-$(dirname "$0")/../src}
+cd "$src"
+
+declare -A rank=([io]=0 [numlib]=0 [params]=1 [data]=2 [trees]=2 [hmm]=3 [app]=4)
+
+failures=0
+edges=$(mktemp)
+trap 'rm -f "$edges"' EXIT
+while IFS= read -r file; do
+    from=${file%%/*}
+    [ -n "${rank[$from]:-}" ] || { echo "unknown folder: $file"; failures=$((failures + 1)); continue; }
+    while IFS= read -r target; do
+        [ -f "$target" ] || continue  # a library header
+        to=${target%%/*}
+        [ -n "${rank[$to]:-}" ] || { echo "unknown folder: $target"; failures=$((failures + 1)); continue; }
+        echo "${file%.*} ${target%.*}" >>"$edges"
+        [ "$from" = "$to" ] && continue
+        if [ "${rank[$to]}" -ge "${rank[$from]}" ]; then
+            echo "layer violation: $file includes $target"
+            failures=$((failures + 1))
+        fi
+    done < <(sed -n 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*"\([^"]*\)".*/\1/p' "$file")
+done < <(find . -name '*.h' -o -name '*.cpp' -o -name '*.cu' | sed 's|^\./||' | sort)
+
+# tsort reports the members of every circle it finds; a unit including its own
+# header is no circle.
+awk '$1 != $2' "$edges" | sort -u >"$edges.units"
+if ! tsort "$edges.units" >/dev/null 2>"$edges.loops"; then
+    echo "include circle:"
+    sed -n 's/^tsort: //p' "$edges.loops" | grep -v 'input contains a loop' | sed 's/^/  /'
+    failures=$((failures + 1))
+fi
+rm -f "$edges.units" "$edges.loops"
+
+[ "$failures" -eq 0 ] && echo "layers: $(sort -u "$edges" | wc -l) include arrows, all pointing down, no circle"
+[ "$failures" -eq 0 ]

@@ -1,0 +1,160 @@
+// Each reader's bad input and the message it must end the run with: the
+// program runs on the small data set with one file replaced, and must stop
+// with status 0 after "Error reading file <name>: <cause>" and "Program
+// terminated". The genotype rows run on a plain and on a gzip file.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/test_support.h"
+#include "trees/tree.h"
+
+using namespace ketra_test;
+
+namespace {
+
+struct BadInput {
+    std::map<std::string, std::string> files;  // written over the small data set
+    std::string file, cause;                   // as the message names them
+    std::vector<std::string> flags = {};
+    bool plain = false;  // written uncompressed whatever the name
+};
+
+void expect_failures(std::vector<BadInput> const& rows) {
+    for (BadInput const& row : rows) {
+        TempDir dir;
+        copy_small_data(dir);
+        for (auto const& [name, text] : row.files) (row.plain ? write_file : write_input_file)(dir.file(name), text);
+        std::vector<std::string> args = small_data_args();
+        args.insert(args.end(), row.flags.begin(), row.flags.end());
+        RunResult const r = run_ketra(args, dir.path().string());
+        EXPECT_EQ(r.status, 0);
+        std::string const tail = "Error reading file " + row.file + ": " + row.cause + "\nProgram terminated\n";
+        EXPECT_TRUE(text_ends_with(r.out, tail)) << "expected: " << tail << "got: " << r.out.substr(r.out.size() / 2);
+    }
+}
+
+std::string const legend = "id position a0 a1\n";
+
+}  // namespace
+
+TEST(Readers, GeneticMap) {
+    expect_failures({{{}, "absent.map", "can't open file.", {"-m", "absent.map"}}});
+}
+
+TEST(Readers, ReferencePanel) {
+    std::string const none = "No SNPs in the interval in haplotype file!";
+    std::string const bad = "bad format detected in haplotype file on line ";
+    auto panel = [](std::string const& rows, std::string const& haplotypes) {
+        return std::map<std::string, std::string>{{"ref.legend", legend + rows}, {"ref.hap", haplotypes}};
+    };
+    expect_failures({
+        {panel("", "0 1\n"), "ref.hap", none},
+        {panel("rs1 800 A G\nrs2 2001 A G\n", "0 1\n0 1\n"), "ref.hap", none},  // both just outside
+        // The count is checked on every line, also outside the interval.
+        {panel("rs1 100 A G\nrs2 200 A G\nrs3 300 A G\n", "0 1 1\n0 1 1\n0 1\n"), "ref.hap",
+         "different number of haplotypes found in haplotype file (3 and 2 on line 3."},
+        {panel("rs1 1000 A G\nrs2 1100 C T\n", "0 1\n0 x\n"), "ref.hap", bad + "2."},
+        {panel("rs1 1000 A G\n", "0 1.5\n"), "ref.hap", bad + "1."},
+        // Codes other than 0 and 1 would index outside the emission matrix.
+        {panel("rs1 1000 A G\nrs2 1100 C T\n", "0 1\n2 1\n"), "ref.hap", bad + "2."},
+        {panel("rs1 1000 A G\n", "0 -1\n"), "ref.hap", bad + "1."},
+        {panel("rs1 1000 A G\n", "0 99999999999999999999\n"), "ref.hap", bad + "1."},
+        {{}, "absent.hap", "can't open haplotype file.", {"-h", "absent.hap"}},
+        {{}, "absent.legend", "can't open legend file.", {"-l", "absent.legend"}},
+    });
+}
+
+TEST(Readers, GenotypesPlainAndGzip) {
+    std::string const snp_format = "Genotype file do not have SNP information in right format on line ";
+    std::string const format = "Genotype file do not have the genotype information in right format on line ";
+    std::string const ten = " 1 0 0 1 0 0 1 0 0 1 0 0 1 0 0 1 0 0 1 0 0 1 0 0 1 0 0 1 0 0";
+    std::vector<std::pair<std::string, std::string>> const rows = {
+        {"SNP1000 rs1 1000 A G 1 0 0 7 \n", format + "1"},  // a cut-short triple
+        {"SNP1000 rs1 1000 A G 1 0 0 7 0\n", format + "1"},
+        {"SNP1000 rs1 1000 A G 1 0 0 0 x 0\n", format + "1"},
+        {"SNP1000 rs1 1000 A G nan 0 0\n", format + "1"},
+        {"SNP1000 rs1 1000 A G 1 0 0\nSNP1100 rs2 1100 C T\n", snp_format + "2"},
+        {"SNP1000 rs1 1000 A\n", snp_format + "1"},
+        // A line between two SNPs of the panel counts for the line numbers only.
+        {"a rs1 1000 A G" + ten + "\nskipped rs 1050 A G\nb rs2 1100 C T" + ten + " 1 0 0\n",
+         "Genotype file have different individuals 10 and 11 on lines 3 and 2"},
+    };
+    for (std::string const name : {"study.gen", "study.gen.gz"}) {
+        std::vector<BadInput> cases;
+        for (auto const& [text, cause] : rows) cases.push_back({{{name, text}}, name, cause, {"-g", name}});
+        cases.push_back({{}, "absent" + name, " can't opened file.", {"-g", "absent" + name}});
+        if (name == "study.gen.gz")  // plain text under a compressed name
+            cases.push_back({{{name, rows[0].first}}, name, "not in gzip format.", {"-g", name}, true});
+        SCOPED_TRACE(name);
+        expect_failures(cases);
+    }
+}
+
+TEST(Readers, SamplesAndStrand) {
+    std::vector<std::string> const samples = {"-sample", "study.sample", "-exclude_samples", "exclude_all.txt"};
+    auto with = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), samples.begin(), samples.end());
+        return more;
+    };
+    expect_failures({
+        {{{"study.sample", "ID_1 ID_2 missing\n0 0 0\nS1 A1 0\nS2 A2 0\nS3 A3 0\nS4 A4 0\n"}}, "study.sample",
+         "sample file contains wrong number of individuals.", samples},
+        {{}, "absent.sample", "can't open sample file.", with({"-sample", "absent.sample"})},
+        // The exclusion file's open error gives the sample file's text.
+        {{}, "absent.txt", "can't open sample file.", with({"-exclude_samples", "absent.txt"})},
+        {{}, "absent.strand", "can't open strand file", {"-strand", "absent.strand"}},
+    });
+}
+
+// The tree text of one position: every way it can be malformed, and the
+// message naming the position with six significant digits.
+TEST(Readers, TreeText) {
+    std::string const prefix = "Bad tree data encountered at ";
+    auto at = [&](std::string const& m) { return prefix + "1500 " + m; };
+    std::string const semicolon = at("expected ; not found."), separator = at("expected ; or , not found.");
+    std::string const count = at("tree does not have the required number of leaves.");
+    std::string const topology = at("error with tree topology, can't find branch in read_tree.");
+    std::string const leaf = at("leaf not found."), mrca = at("error with one of the trees: does not reach the mrca.");
+    struct Row {
+        std::string text;
+        int leaves;
+        std::string message;
+    };
+    std::vector<Row> const rows = {
+        {"1500 0;4;1 2,3 4,5 6;", 4, ""},
+        {"  1500\t0; 4;\t1   2, 3 4,  5 6;  trailing ; garbage ,\r", 4, ""},
+        {"5 0;1;", 1, ""},
+        {"1500 0 ;4;1 2,3 4,5 6;", 4, semicolon},
+        {"1500 0,4;1 2,3 4,5 6;", 4, semicolon},
+        {"", 4, prefix + "0 expected ; not found."},
+        {"1500 0;4;1 2,3 4,5 6;", 5, count},
+        {"1500 0;x;1 2;", 4, count},
+        {"1500 0;4;1 2 ,3 4,5 6;", 4, separator},
+        {"1500 0;4;1 2,3 4,5 6", 4, separator},
+        {"1500 0;4;1 2,x 4;", 4, separator},
+        {"1500 0;4;1 5,3 4,5 6;", 4, topology},  // node 5 not built yet
+        {"1500 0;4;0 2,3 4,5 6;", 4, topology},
+        {"1500 0;4;1 1,3 4,5 6;", 4, leaf},  // self-merge
+        {"1500 0;4;1 2,5 1;", 4, leaf},      // node 5 already holds leaf 1
+        {"1500 0;4;1 2,3 4;", 4, mrca},      // n - 2 merges
+        {"1500 0;0;", 0, mrca},          // no lineage at all
+        {"1500 0;2;1 2,1 2;", 2, mrca},  // re-merging merged-away nodes leaves a second lineage
+        {"1234567 0;3;1 2;", 3, prefix + "1.23457e+06 error with one of the trees: does not reach the mrca."},
+    };
+    for (Row const& row : rows) {
+        tree_nodes tree;
+        std::string message;
+        try {
+            parse_tree(row.text, tree, row.leaves);
+        } catch (BadTreeDataException const& e) {
+            message = e.what();
+        }
+        EXPECT_EQ(message, row.message) << row.text;
+        if (row.message.empty()) {
+            EXPECT_EQ(tree.size(), 2u * row.leaves - 1) << row.text;
+        }
+    }
+}
