@@ -12,8 +12,6 @@
 #include <string>
 #include <vector>
 
-#include <boost/filesystem.hpp>
-
 #include "hmm/cpu_engine.h"
 #include "hmm/gpu_arith.h"
 #include "hmm/gpu_engine.h"
@@ -21,7 +19,6 @@
 #include "hmm/gpu_records.h"
 #include "support/test_support.h"
 
-namespace fs = boost::filesystem;
 using ketra_test::same_bits;
 
 namespace {
@@ -154,81 +151,44 @@ TEST(GpuEngine, BatchesGiveTheCpuRecords) {
     }
 }
 
-// Every file under root, by path relative to it; a .aux file without its
-// command line, which names the flags.
-std::map<std::string, std::string> files_under(fs::path const& root) {
-    std::map<std::string, std::string> files;
-    for (fs::recursive_directory_iterator it(root), end; it != end; ++it) {
-        if (!fs::is_regular_file(it->path())) continue;
-        std::string text = ketra_test::read_file(it->path().string());
-        std::string const name = fs::relative(it->path(), root).string();
-        if (name.size() > 4 && name.compare(name.size() - 4, 4, ".aux") == 0) {
-            std::istringstream in(text);
-            std::string line, kept;
-            for (int k = 0; std::getline(in, line); ++k)
-                if (k != 1) kept += line + "\n";
-            text = kept;
-        }
-        files[name] = text;
+// Every result file of a run in a fresh copy of the example, without the
+// echoed command line (which names the flags) and, for split runs, without
+// the chunks' own files and the .aux file, which differ by design.
+std::map<std::string, std::string> run_example(std::vector<std::vector<std::string>> const& runs, bool split) {
+    ketra_test::TempDir dir;
+    ketra_test::copy_example_data(dir);
+    std::vector<std::string> args;
+    std::istringstream in(ketra_test::read_file(dir.file("args.txt")));
+    for (std::string word; in >> word;) args.push_back(word);
+    for (auto const& more : runs) {
+        std::vector<std::string> all = args;
+        all.insert(all.end(), more.begin(), more.end());
+        auto const result = ketra_test::run_ketra(all, dir.path().string());
+        EXPECT_EQ(result.status, 0) << result.out;
     }
+    auto files = ketra_test::collect_output_files(dir.path() / "out");
+    for (auto it = files.begin(); it != files.end();)
+        if (split && (it->first.find(".chunk") != std::string::npos || it->first.find(".aux") != std::string::npos))
+            it = files.erase(it);
+        else
+            it++->second = ketra_test::without_command_line(it->second);
     return files;
 }
 
 TEST(GpuRecords, GpuRunsWriteThePlainRunsFiles) {
     std::string const why = hmm_gpu::unavailable_reason();
     if (!why.empty()) GTEST_SKIP() << why;
-    fs::path const example = fs::path(ketra_test::source_dir()) / "examples" / "chr20-small";
-    std::vector<std::string> args;
-    {
-        std::istringstream in(ketra_test::read_file((example / "args.txt").string()));
-        for (std::string word; in >> word;) args.push_back(word);
-    }
-    auto const with = [&](std::vector<std::string> more) {
-        std::vector<std::string> all = args;
-        all.insert(all.end(), more.begin(), more.end());
-        return all;
-    };
-    // Runs in a fresh copy of the example; returns the files it wrote under out/.
-    auto const run_in_copy = [&](std::vector<std::vector<std::string>> const& runs) {
-        ketra_test::TempDir dir;
-        for (auto const& entry : fs::directory_iterator(example))
-            if (fs::is_regular_file(entry.path())) fs::copy_file(entry.path(), dir.path() / entry.path().filename());
-        for (auto const& r : runs) {
-            auto const result = ketra_test::run_ketra(r, dir.path().string());
-            EXPECT_EQ(result.status, 0) << result.out;
-        }
-        return files_under(dir.path() / "out");
-    };
-    struct Case {
-        std::string name;
-        std::vector<std::string> flags;
-    };
-    Case const cases[] = {{"matrix and pardo", {"-print_matrix"}}, {"compressed pardo", {"-pardo_gz", "-threads", "3"}}};
-    for (Case const& c : cases) {
-        SCOPED_TRACE(c.name);
-        auto const plain = run_in_copy({with(c.flags)});
-        auto gpu_flags = c.flags;
-        gpu_flags.push_back("-gpu");
-        EXPECT_EQ(run_in_copy({with(gpu_flags)}), plain);
-        // Split: chunks on the device, merged on the CPU.
-        auto chunk = [&](std::string i) {
-            auto f = gpu_flags;
-            f.insert(f.end(), {"-chunk", i, "2"});
-            return with(f);
-        };
-        auto merge = c.flags;
-        merge.insert(merge.end(), {"-merge", "2"});
-        // The chunks' own files and the .aux files (which tell how the run
-        // was split) differ by design.
-        auto const without_split_files = [](std::map<std::string, std::string> files) {
-            for (auto it = files.begin(); it != files.end();)
-                it = it->first.find(".chunk") != std::string::npos || it->first.find(".aux") != std::string::npos
-                         ? files.erase(it)
-                         : std::next(it);
-            return files;
-        };
-        EXPECT_EQ(without_split_files(run_in_copy({chunk("1"), chunk("2"), with(merge)})), without_split_files(plain));
-    }
+    auto const plain = run_example({{"-print_matrix"}}, false);
+    EXPECT_EQ(run_example({{"-print_matrix", "-gpu", "-threads", "3"}}, false), plain);
+    // Split: chunks on the device, merged on the CPU.
+    auto const split = run_example({{"-print_matrix", "-gpu", "-chunk", "1", "2"},
+                                    {"-print_matrix", "-gpu", "-chunk", "2", "2"},
+                                    {"-print_matrix", "-merge", "2"}},
+                                   true);
+    auto expected = plain;
+    for (auto it = expected.begin(); it != expected.end();)
+        it = it->first.find(".aux") != std::string::npos ? expected.erase(it) : std::next(it);
+    EXPECT_EQ(split, expected);
 }
 
 }  // namespace
