@@ -2,8 +2,6 @@
 // all is an error naming the file, never a shorter or empty file.
 #include <gtest/gtest.h>
 
-#include <boost/filesystem/operations.hpp>
-
 #include "io/badfilename.h"
 #include "io/gzip_member.h"
 #include "io/text_stream.h"
@@ -77,19 +75,13 @@ TEST(DamagedInput, ReaderStreamReportsDamageAndReadsWholeFilesToTheEnd) {
 
 TEST(DamagedInput, RunEndsWithTheReadersErrorAndItsStatus) {
     TempDir dir;
-    for (char const* f : {"ref.hap", "ref.legend", "map.txt", "study.gen", "trees.txt"})
-        boost::filesystem::copy_file(small_dir + f, dir.file(f));
-    std::string const gz = gz_bytes(dir, read_file(small_dir + "study.gen"));
-    write_file(dir.file("cut.gen.gz"), gz.substr(0, gz.size() - 12));
-    write_file(dir.file("plain.gen.gz"), read_file(small_dir + "study.gen"));
-    write_file(dir.file("plain_trees.gz"), read_file(small_dir + "trees.txt"));
-    std::string const trees_gz = gz_bytes(dir, read_file(small_dir + "trees.txt"));
+    copy_small_data(dir);
+    std::string const gen = read_file(small_dir + "study.gen"), trees = read_file(small_dir + "trees.txt");
+    std::string const gen_gz = gz_bytes(dir, gen), trees_gz = gz_bytes(dir, trees);
+    write_file(dir.file("cut.gen.gz"), gen_gz.substr(0, gen_gz.size() - 12));
+    write_file(dir.file("plain.gen.gz"), gen);
+    write_file(dir.file("plain_trees.gz"), trees);
     write_file(dir.file("cut_trees.gz"), trees_gz.substr(0, trees_gz.size() / 2));
-
-    auto args = [](std::string const& gen, std::string const& trees) {
-        return std::vector<std::string>{"-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g", gen,
-                                        "-tree_file", trees, "-int", "900", "2000", "-buffer", "0", "-o", "out/run"};
-    };
     // Genotype errors keep the data stage's status 0 by default; the tree map's is 1.
     struct Case { std::string gen, trees, tail; int status; };
     std::vector<Case> const cases = {
@@ -98,16 +90,15 @@ TEST(DamagedInput, RunEndsWithTheReadersErrorAndItsStatus) {
         {"study.gen", "plain_trees.gz", "Error reading file plain_trees.gz: not in gzip format.", 1},
         {"study.gen", "cut_trees.gz", "Error reading file cut_trees.gz: compressed data are truncated", 1},
     };
-    for (auto const& c : cases) {
+    for (auto const& c : cases)
         for (bool strict : {false, true}) {
-            auto a = args(c.gen, c.trees);
-            if (strict) a.push_back("-strict");
-            auto const r = run_ketra(a, dir.path().string());
-            EXPECT_EQ(r.status, strict ? 1 : c.status) << c.gen << " " << c.trees;
+            SCOPED_TRACE(c.gen + " " + c.trees + (strict ? " -strict" : ""));
+            auto args = small_data_args();
+            args[7] = c.gen, args[9] = c.trees;
+            if (strict) args.push_back("-strict");
+            auto const r = run_ketra(args, dir.path().string());
+            EXPECT_EQ(r.status, strict ? 1 : c.status);
             ASSERT_NE(r.out.find(c.tail), std::string::npos) << r.out;
-            EXPECT_EQ(r.out.substr(r.out.size() - 20), "\nProgram terminated\n");
-            EXPECT_EQ(r.out.find("Ketra complete!"), std::string::npos);
-            EXPECT_EQ(r.err, "");
+            EXPECT_TRUE(text_ends_with(r.out, "\nProgram terminated\n") && r.err.empty()) << r.out << r.err;
         }
-    }
 }
