@@ -7,7 +7,6 @@
 #include <ctime>
 #include <functional>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -102,10 +101,8 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
         EXPECT_NE(r.out.find("Program terminated\n"), std::string::npos);
     };
 
-    for (auto const& bad : std::vector<std::pair<int, int>>{{0, 2}, {3, 2}, {-1, 2}, {1, 0}}) {
-        SCOPED_TRACE(std::to_string(bad.first) + " of " + std::to_string(bad.second));
+    for (auto const& bad : std::vector<std::pair<int, int>>{{0, 2}, {3, 2}, {1, 0}})
         expect_stop(chunk(bad.first, bad.second), "the chunk must be between 1 and");
-    }
     expect_stop(run_ketra(args("s/run", {"-chunk", "1", "2", "-merge", "2"}), dir.path().string()),
                 "cannot be given together");
     expect_stop(merge(0), "the number of chunks must be at least 1");
