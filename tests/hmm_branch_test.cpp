@@ -2,32 +2,17 @@
 // posterior, against one plain loop in the fixed order of additions, bit for bit.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <vector>
 
 #include "hmm/kernel.h"
+#include "support/test_support.h"
 
 namespace {
 
 using hmm_kernel::BranchLayout;
 using hmm_kernel::tri_offset;
-
-// Random merges of open lineages; merged nodes get the next ids.
-BranchLayout random_layout(int K, std::mt19937_64& rng) {
-    std::vector<int> a(K, -1), b(K, -1), open;
-    for (int i = 0; i < K; ++i) open.push_back(i);
-    while (open.size() > 1) {
-        std::size_t const x = rng() % open.size();
-        int const first = open[x];
-        open.erase(open.begin() + x);
-        std::size_t const y = rng() % open.size();
-        a.push_back(first);
-        b.push_back(open[y]);
-        open[y] = static_cast<int>(a.size()) - 1;
-    }
-    return BranchLayout(K, a, b);
-}
+using ketra_test::same_bits;
 
 // The order every implementation must keep: per node, rows of b's leaves in
 // depth-first order, each summed over a's leaves in depth-first order.
@@ -56,18 +41,14 @@ void reference(BranchLayout const& t, std::vector<double> const& P, std::vector<
     }
 }
 
-bool same_bits(std::vector<double> const& a, std::vector<double> const& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0;
-}
-
 }  // namespace
 
 TEST(HmmBranchSums, InPlaceAndReorderedEqualTheFixedOrder) {
     std::mt19937_64 rng(5);
     std::uniform_real_distribution<double> u(0.0, 1.0);
-    for (int K : {1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 40, 129}) {
+    for (int K : {1, 2, 3, 8, 9, 17, 129}) {
         SCOPED_TRACE("K = " + std::to_string(K));
-        BranchLayout const t = random_layout(K, rng);
+        BranchLayout const t = ketra_test::random_layout(K, rng);
         std::vector<double> P(hmm_kernel::tri_size(K)), m(K);
         for (double& x : P) x = u(rng) * 1e-3;
         hmm_kernel::haplotype_probabilities(K, P.data(), m.data());

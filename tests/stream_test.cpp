@@ -6,9 +6,7 @@
 #include <algorithm>
 #include <ctime>
 #include <functional>
-#include <iterator>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,8 +16,6 @@
 #include "hmm/memory_check.h"
 #include "hmm/partial_results.h"
 #include "hmm/run_error.h"
-#include "io/gzip_member.h"
-#include "io/text_stream.h"
 #include "support/test_support.h"
 
 namespace fs = boost::filesystem;
@@ -29,17 +25,9 @@ using ketra_test::TempDir;
 
 namespace {
 
-fs::path small_dir() { return fs::path(ketra_test::source_dir()) / "tests" / "data" / "small"; }
-
-void copy_inputs(TempDir const& dir) {
-    for (auto const& entry : fs::directory_iterator(small_dir()))
-        if (fs::is_regular_file(entry.path())) fs::copy_file(entry.path(), dir.path() / entry.path().filename());
-}
-
 std::vector<std::string> args(std::string const& output, std::vector<std::string> const& more) {
-    std::vector<std::string> a = {"-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g", "study.gen",
-                                  "-tree_file", "trees.txt", "-int", "900", "2000", "-buffer", "0",
-                                  "-tavlo_input", "-print_matrix", "-o", output};
+    std::vector<std::string> a = ketra_test::small_data_args(output);
+    a.insert(a.end(), {"-tavlo_input", "-print_matrix"});
     a.insert(a.end(), more.begin(), more.end());
     return a;
 }
@@ -59,48 +47,50 @@ std::map<std::string, std::string> result_files(fs::path const& folder) {
 
 TEST(SplitRun, MergedChunksEqualTheSingleRun) {
     TempDir dir;
-    copy_inputs(dir);
+    ketra_test::copy_small_data(dir);
     struct split_case {
         std::string output;  // a .gz name gives a gzip matrix file
         int chunks;
         std::string chunk_threads, merge_threads;
+        bool pardo_gz;
     };
-    split_case const cases[] = {
-        {"run", 1, "1", "1"}, {"run", 2, "2", "1"}, {"run.gz", 3, "1", "3"}, {"run", 5, "2", "2"},  // 5 > N
-    };
+    split_case const cases[] = {{"run", 1, "1", "1", false}, {"run", 2, "2", "1", true},
+                                {"run.gz", 3, "1", "3", true}, {"run", 5, "2", "2", false}};  // 5 > N
     for (auto const& c : cases) {
-        std::string const tag = c.output + " n=" + std::to_string(c.chunks);
-        SCOPED_TRACE(tag);
-        std::string const single = "single" + std::to_string(c.chunks) + "/" + c.output;
-        std::string const split = "split" + std::to_string(c.chunks) + "/" + c.output;
-        ASSERT_EQ(run_ketra(args(single, {}), dir.path().string()).status, 0);
+        std::string const n = std::to_string(c.chunks), single = "single" + n, split = "split" + n;
+        SCOPED_TRACE(c.output + " n=" + n);
+        ASSERT_EQ(run_ketra(args(single + "/" + c.output, {}), dir.path().string()).status, 0);
+        std::vector<std::string> const gz = c.pardo_gz ? std::vector<std::string>{"-pardo_gz"} : std::vector<std::string>{};
         for (int i = 1; i <= c.chunks; ++i) {
-            auto const r = run_ketra(args(split, {"-chunk", std::to_string(i), std::to_string(c.chunks), "-threads",
-                                                  c.chunk_threads}),
-                                     dir.path().string());
+            auto more = gz;
+            more.insert(more.end(), {"-chunk", std::to_string(i), n, "-threads", c.chunk_threads});
+            auto const r = run_ketra(args(split + "/" + c.output, more), dir.path().string());
             ASSERT_EQ(r.status, 0) << r.out;
-            // Chunks write only their own files.
-            EXPECT_TRUE(result_files(fs::path(dir.file(split)).parent_path()).empty());
+            EXPECT_TRUE(result_files(dir.path() / split).empty());  // chunks write only their own files
         }
-        auto const merged = run_ketra(args(split, {"-merge", std::to_string(c.chunks), "-threads", c.merge_threads}),
-                                      dir.path().string());
+        auto more = gz;
+        more.insert(more.end(), {"-merge", n, "-threads", c.merge_threads});
+        auto const merged = run_ketra(args(split + "/" + c.output, more), dir.path().string());
         ASSERT_EQ(merged.status, 0) << merged.out;
-        EXPECT_NE(merged.out.find("Merging the partial results of " + std::to_string(c.chunks) + " chunk runs ... done"),
-                  std::string::npos);
-        auto const expected = result_files(fs::path(dir.file(single)).parent_path());
-        auto const got = result_files(fs::path(dir.file(split)).parent_path());
+        EXPECT_NE(merged.out.find("Merging the partial results of " + n + " chunk runs ... done"), std::string::npos);
+        auto const expected = result_files(dir.path() / single);
+        auto const got = result_files(dir.path() / split);
         ASSERT_EQ(expected.size(), 11u);  // matrix file, 5 pardo and 5 .full_matrix files
         ASSERT_EQ(got.size(), expected.size());
-        for (auto const& f : expected) EXPECT_TRUE(got.count(f.first) && got.at(f.first) == f.second) << f.first;
-        // The single run's work folder is gone.
-        for (auto const& entry : fs::directory_iterator(fs::path(dir.file(single)).parent_path()))
+        for (auto const& [name, text] : expected) {
+            bool const packed = c.pardo_gz && ketra_test::text_ends_with(name, ".pardo");
+            EXPECT_TRUE(packed ? !got.count(name) && ketra_test::read_gz_file(dir.file(split + "/" + name + ".gz")) == text
+                               : got.count(name) && got.at(name) == text)
+                << name;
+        }
+        for (auto const& entry : fs::directory_iterator(dir.path() / single))  // the work folder is gone
             EXPECT_EQ(entry.path().filename().string().find(".work"), std::string::npos);
     }
 }
 
 TEST(SplitRun, BadChunksEndWithStatusOne) {
     TempDir dir;
-    copy_inputs(dir);
+    ketra_test::copy_small_data(dir);
     auto const chunk = [&](int i, int n) {
         return run_ketra(args("s/run", {"-chunk", std::to_string(i), std::to_string(n)}), dir.path().string());
     };
@@ -111,10 +101,8 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
         EXPECT_NE(r.out.find("Program terminated\n"), std::string::npos);
     };
 
-    for (auto const& bad : std::vector<std::pair<int, int>>{{0, 2}, {3, 2}, {-1, 2}, {1, 0}}) {
-        SCOPED_TRACE(std::to_string(bad.first) + " of " + std::to_string(bad.second));
+    for (auto const& bad : std::vector<std::pair<int, int>>{{0, 2}, {3, 2}, {1, 0}})
         expect_stop(chunk(bad.first, bad.second), "the chunk must be between 1 and");
-    }
     expect_stop(run_ketra(args("s/run", {"-chunk", "1", "2", "-merge", "2"}), dir.path().string()),
                 "cannot be given together");
     expect_stop(merge(0), "the number of chunks must be at least 1");
@@ -190,7 +178,6 @@ TEST(MemoryCheck, WarnsOrStopsOnlyWhenTheRunDoesNotFit) {
         bool stops;
     };
     memory_case const cases[] = {
-        {100e6, 200e6, 4, false, "", false},
         {100e6, 200e6, 4, true, "", false},
         {100e6, -1, 4, true, "", false},  // nothing known about the machine
         {300e6, 200e6, 4, false, "needs about 300 MB of memory, but only 200 MB is available. Use fewer threads (-threads 2)", false},
@@ -220,54 +207,4 @@ TEST(MemoryCheck, WarnsOrStopsOnlyWhenTheRunDoesNotFit) {
     EXPECT_LT(estimate_peak_memory(bench), 160e6);
     EXPECT_LT(estimate_peak_memory(many_individuals), 160e6);
     EXPECT_GT(estimate_peak_memory(two_threads), estimate_peak_memory(bench) + 201 * 20100 * 8.0);
-}
-
-TEST(CompressedPardo, DecompressesToThePlainFiles) {
-    TempDir dir;
-    copy_inputs(dir);
-    ASSERT_EQ(run_ketra(args("plain/run", {}), dir.path().string()).status, 0);
-    std::vector<std::vector<std::string>> const runs = {
-        {"-threads", "1"}, {"-threads", "3"}, {"-chunk", "1", "2"}, {"-chunk", "2", "2", "-threads", "2"}, {"-merge", "2"}};
-    for (auto const& extra : runs) {
-        auto more = extra;
-        more.push_back("-pardo_gz");
-        std::string const out = extra[0] == "-threads" ? "gz" + extra[1] + "/run" : "split/run";
-        ASSERT_EQ(run_ketra(args(out, more), dir.path().string()).status, 0);
-        if (extra[0] == "-chunk") continue;
-        SCOPED_TRACE(out);
-        int pardo_files = 0;
-        for (auto const& f : result_files(dir.path() / "plain")) {
-            if (f.first.size() < 6 || f.first.compare(f.first.size() - 6, 6, ".pardo") != 0) {
-                // Everything else is as in a plain run.
-                EXPECT_EQ(read_file(dir.file(out.substr(0, out.find('/')) + "/" + f.first)), f.second) << f.first;
-                continue;
-            }
-            ++pardo_files;
-            std::string const gz = dir.file(out.substr(0, out.find('/')) + "/" + f.first + ".gz");
-            EXPECT_EQ(ketra_test::read_gz_file(gz), f.second) << gz;
-            EXPECT_FALSE(ketra_test::file_exists(dir.file(out.substr(0, out.find('/')) + "/" + f.first)));
-        }
-        EXPECT_EQ(pardo_files, 5);
-    }
-}
-
-// Independently compressed blocks, concatenated, read back as one text by the
-// program's own gzip reader.
-TEST(CompressedPardo, ConcatenatedMembersReadAsOneText) {
-    TempDir dir;
-    std::vector<std::vector<std::string>> const cases = {
-        {"one line\n"}, {"first block ", "second\n", "", "third\nfourth\n"}, {std::string(3 << 20, 'x') + "\n", "end\n"}};
-    for (auto const& blocks : cases) {
-        std::string file, text;
-        for (auto const& b : blocks) {
-            if (!b.empty()) append_gzip_member(file, b, 1);
-            text += b;
-        }
-        ketra_test::write_file(dir.file("t.gz"), file);
-        auto in = open_text_input(dir.file("t.gz"));
-        ASSERT_TRUE(in);
-        std::string read((std::istreambuf_iterator<char>(*in)), std::istreambuf_iterator<char>());
-        EXPECT_EQ(read.size(), text.size());
-        EXPECT_TRUE(read == text);
-    }
 }

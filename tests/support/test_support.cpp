@@ -3,6 +3,9 @@
 #include <sys/wait.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <regex>
@@ -167,5 +170,63 @@ std::string without_command_line(std::string text) {
 }
 
 std::string source_dir() { return KETRA_SOURCE_DIR; }
+
+hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng) {
+    std::vector<int> a(K, -1), b(K, -1), open;
+    for (int i = 0; i < K; ++i) open.push_back(i);
+    while (open.size() > 1) {
+        std::size_t const x = rng() % open.size();
+        int const first = open[x];
+        open.erase(open.begin() + x);
+        std::size_t const y = rng() % open.size();
+        a.push_back(first);
+        b.push_back(open[y]);
+        open[y] = static_cast<int>(a.size()) - 1;
+    }
+    return hmm_kernel::BranchLayout(K, a, b);
+}
+
+RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng) {
+    RunData run;
+    hmm_kernel::Panel& p = run.panel;
+    p.K = K;
+    p.L = L;
+    p.N = N;
+    for (int s = 0; s < L; ++s) {
+        for (int k = 0; k < K; ++k) p.alleles.push_back(static_cast<double>(rng() & 1));
+        double const rho = 0.01 + 2.0 * static_cast<double>(rng() % 1000) / 1000.0;
+        double const jump = (1.0 - std::exp(-rho / K)) / K;
+        p.stay.push_back(s == 0 ? 0.0 : 1.0 - (K - 1) * jump);
+        p.jump.push_back(s == 0 ? 0.0 : jump);
+        p.position.push_back(1000.0 * s + static_cast<double>(rng() % 500));
+        p.rate_per_base.push_back(1e-4 * static_cast<double>(1 + rng() % 50));
+    }
+    for (int g = 0; g < 4; ++g)
+        for (int a = 0; a < 3; ++a) p.emission[g][a] = g == 3 ? 1.0 : (a == g ? 0.9 : 0.05) * scale;
+    for (int k = 0; k < N * L; ++k) p.genotypes.push_back(static_cast<std::uint8_t>(rng() % 4));
+    std::vector<double> positions = {p.position.front()};
+    for (int s = 0; s + 1 < L; ++s) {
+        if (rng() % 3 == 0) positions.push_back(p.position[s]);
+        if (rng() % 3 == 0) positions.push_back(0.5 * (p.position[s] + p.position[s + 1]));
+    }
+    positions.push_back(p.position.back());
+    run.schedule = hmm_kernel::Schedule(L, hmm_kernel::find_flanks(p.position, p.rate_per_base, positions));
+    for (std::size_t q = 0; with_trees && q < positions.size(); ++q) {
+        std::vector<int> a(K, -1), b(K, -1), leaves(K);
+        for (int k = 0; k < K; ++k) leaves[k] = k;
+        std::shuffle(leaves.begin(), leaves.end(), rng);
+        for (int v = 1, last = leaves[0]; v < K; ++v, last = static_cast<int>(a.size()) - 1) {
+            a.push_back(last);
+            b.push_back(leaves[v]);
+        }
+        position_tree tree{hmm_kernel::BranchLayout(K, a, b), {}};
+        for (int v = 0; v < tree.layout.n_nodes(); ++v)
+            if (rng() % 2) tree.marked.push_back(v);
+        run.trees.push_back(tree);
+        run.layouts.push_back(tree.layout);
+        run.marked.push_back(tree.marked);
+    }
+    return run;
+}
 
 }  // namespace ketra_test

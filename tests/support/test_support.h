@@ -1,11 +1,19 @@
 // Helpers shared by the tests: scratch folders, files, and runs of the built program.
 #pragma once
 
+#include <condition_variable>
+#include <cstring>
 #include <map>
+#include <mutex>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/filesystem/path.hpp>
+#include <gtest/gtest.h>
+
+#include "hmm/cpu_engine.h"
 
 namespace ketra_test {
 
@@ -56,5 +64,70 @@ std::map<std::string, std::string> collect_output_files(boost::filesystem::path 
 std::string without_command_line(std::string text);
 
 std::string source_dir();
+
+// Equal values, bit for bit (so -0.0 differs from 0.0, and NaN equals itself).
+inline ::testing::AssertionResult same_bits(std::vector<double> const& a, std::vector<double> const& b) {
+    if (a.size() != b.size()) return ::testing::AssertionFailure() << "sizes " << a.size() << " and " << b.size();
+    for (std::size_t k = 0; k < a.size(); ++k)
+        if (std::memcmp(&a[k], &b[k], sizeof(double)) != 0)
+            return ::testing::AssertionFailure() << "entry " << k << ": " << a[k] << " vs " << b[k];
+    return ::testing::AssertionSuccess();
+}
+
+// A team of threads that meet at every sync, as the threads of a GPU block do.
+struct ThreadTeam {
+    struct Barrier {
+        std::mutex m;
+        std::condition_variable cv;
+        int n, waiting = 0;
+        long generation = 0;
+    };
+    int r, s;
+    Barrier* barrier;
+    int rank() const { return r; }
+    int size() const { return s; }
+    void sync() const {
+        std::unique_lock<std::mutex> lock(barrier->m);
+        long const g = barrier->generation;
+        if (++barrier->waiting == barrier->n) {
+            barrier->waiting = 0;
+            ++barrier->generation;
+            barrier->cv.notify_all();
+        } else {
+            barrier->cv.wait(lock, [&] { return g != barrier->generation; });
+        }
+    }
+};
+
+// Runs f(team) on `size` threads; every rank must return the same bits, and
+// rank 0's value is returned.
+template <class F>
+double on_team(int size, F const& f) {
+    ThreadTeam::Barrier barrier;
+    barrier.n = size;
+    std::vector<double> value(size);
+    std::vector<std::thread> threads;
+    for (int r = 0; r < size; ++r) threads.emplace_back([&, r] { value[r] = f(ThreadTeam{r, size, &barrier}); });
+    for (auto& t : threads) t.join();
+    EXPECT_TRUE(same_bits(value, std::vector<double>(size, value[0])));
+    return value[0];
+}
+
+// A random binary tree over K leaves: merges of random open lineages, merged
+// nodes numbered on from K.
+hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng);
+
+// K haplotypes, L SNPs and N individuals, random; tiny emissions (scale) make
+// the totals underflow, so both passes rescale. Positions on SNPs, between SNPs
+// and at both ends; with trees, each has a caterpillar over shuffled leaves
+// with a random half of its nodes marked.
+struct RunData {
+    hmm_kernel::Panel panel;
+    hmm_kernel::Schedule schedule;
+    std::vector<position_tree> trees;
+    std::vector<hmm_kernel::BranchLayout> layouts;  // the trees' parts, as the GPU plan takes them
+    std::vector<std::vector<int>> marked;
+};
+RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng);
 
 }  // namespace ketra_test
