@@ -57,12 +57,13 @@ Result run_with(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& sche
     Result r;
     std::vector<double> m_apart(panel.K);
     for (int i = 0; i < panel.N; ++i) {
-        ws.run(panel, schedule, panel.genotypes_of(i), [&](int, const double* x, const double* m) {
+        auto sink = [&](int, const double* x, const double* m) {
             r.P.insert(r.P.end(), x, x + tri_size(panel.K));
             r.m.insert(r.m.end(), m, m + panel.K);
             hmm_kernel::haplotype_probabilities(panel.K, x, m_apart.data());
             r.m_apart.insert(r.m_apart.end(), m_apart.begin(), m_apart.end());
-        });
+        };
+        ws.run(panel, schedule, panel.genotypes_of(i), sink);
         r.forward_steps += ws.forward_steps();
     }
     return r;
