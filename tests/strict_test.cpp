@@ -68,6 +68,7 @@ TEST(Strict, EveryFailureIsNonZeroWhileTheDefaultRunKeepsItsOutcome) {
         {"-m repeated_row.map", true, "", "file repeated_row.map: map positions not strictly increasing on line 3.\n"},
         {"-m z_map.txt", true, "", "Error reading file z_map.txt" + gz},
         {"-l z_ref.legend", false, "", "Error reading file z_ref.legend" + gz},
+        {"-h z_ref.hap", false, "", "Error reading file z_ref.hap" + gz},
         {"-strand z_ids.txt", true, "", "Error reading file z_ids.txt" + gz},
         {"-sample z_study.sample -exclude_samples z_ids.txt", false, "", "Error reading file z_study.sample" + gz},
         {"-exclude_snps z_ids.txt", true, "", "Error reading file z_ids.txt" + gz},
@@ -97,6 +98,9 @@ TEST(Strict, EveryFailureIsNonZeroWhileTheDefaultRunKeepsItsOutcome) {
         EXPECT_EQ(strict.err, "");
         EXPECT_EQ(strict.out.find("Ketra complete!"), std::string::npos);
         EXPECT_NE(strict.out.find(c.strict_text.empty() ? c.default_text : c.strict_text), std::string::npos) << strict.out;
+        // Files dropped unfinished leave no temporary behind.
+        for (fs::recursive_directory_iterator it(dir.path()), end; it != end; ++it)
+            EXPECT_NE(it->path().filename().string()[0], '.') << "left behind: " << it->path();
     }
 }
 
@@ -173,9 +177,8 @@ TEST(Strict, OutOfMemoryIsOneClearLine) {
     TempDir dir;
     copy_small_data(dir);
     // K = 6000: one pair array alone is 6000 * 6001 / 2 doubles, 144 MB.
-    std::string row, hap;
-    for (int k = 0; k < 6000; ++k) row += k % 3 ? "0 " : "1 ";
-    for (int i = 0; i < 7; ++i) hap += row.substr(0, row.size() - 1) + "\n";
+    std::string hap;
+    for (int i = 0; i < 7 * 6000; ++i) hap += i % 6000 == 5999 ? "1\n" : i % 3 ? "0 " : "1 ";
     write_file(dir.file("ref.hap"), hap);
     std::string command = "cd " + dir.path().string() + " && ulimit -v 120000 && " + KETRA_BINARY;
     for (auto const& a : small_data_args()) command += " " + a;
@@ -236,9 +239,6 @@ TEST(WriteErrors, RunReportsTheFileAndReasonWithoutDoneAndNonZeroStatus) {
                       std::string::npos) << r.out;
             EXPECT_EQ(r.out.find("Ketra complete!"), std::string::npos);
             EXPECT_EQ(r.err, "");
-            // Files dropped unfinished leave no temporary behind.
-            for (auto const& entry : fs::directory_iterator(dir.path() / "out"))
-                EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
         }
         if (!on_device) ::umount(dir.file("full").c_str());
     }
