@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -16,6 +17,8 @@
 #include <boost/iostreams/device/file.hpp>
 #include <boost/iostreams/filter/gzip.hpp>
 #include <boost/iostreams/filtering_stream.hpp>
+
+#include "io/text_stream.h"
 
 namespace fs = boost::filesystem;
 namespace io = boost::iostreams;
@@ -61,12 +64,9 @@ std::string read_file(std::string const& path) {
 }
 
 std::string read_gz_file(std::string const& path) {
-    io::filtering_istream in;
-    in.push(io::gzip_decompressor());
-    in.push(io::file_source(path, std::ios::binary));
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    auto in = open_text_input(path);
+    if (!in) throw std::runtime_error("cannot read " + path);
+    return std::string(std::istreambuf_iterator<char>(*in), std::istreambuf_iterator<char>());
 }
 
 bool file_exists(std::string const& path) { return fs::exists(path); }
@@ -212,14 +212,7 @@ RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt1993
     positions.push_back(p.position.back());
     run.schedule = hmm_kernel::Schedule(L, hmm_kernel::find_flanks(p.position, p.rate_per_base, positions));
     for (std::size_t q = 0; with_trees && q < positions.size(); ++q) {
-        std::vector<int> a(K, -1), b(K, -1), leaves(K);
-        for (int k = 0; k < K; ++k) leaves[k] = k;
-        std::shuffle(leaves.begin(), leaves.end(), rng);
-        for (int v = 1, last = leaves[0]; v < K; ++v, last = static_cast<int>(a.size()) - 1) {
-            a.push_back(last);
-            b.push_back(leaves[v]);
-        }
-        position_tree tree{hmm_kernel::BranchLayout(K, a, b), {}};
+        position_tree tree{random_layout(K, rng), {}};
         for (int v = 0; v < tree.layout.n_nodes(); ++v)
             if (rng() % 2) tree.marked.push_back(v);
         run.trees.push_back(tree);

@@ -119,8 +119,8 @@ hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng);
 
 // K haplotypes, L SNPs and N individuals, random; tiny emissions (scale) make
 // the totals underflow, so both passes rescale. Positions on SNPs, between SNPs
-// and at both ends; with trees, each has a caterpillar over shuffled leaves
-// with a random half of its nodes marked.
+// and at both ends; with trees, each has a random tree with a random half of
+// its nodes marked.
 struct RunData {
     hmm_kernel::Panel panel;
     hmm_kernel::Schedule schedule;
