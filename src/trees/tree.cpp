@@ -47,6 +47,15 @@ double read_header(std::istringstream& in, int leaves, int& n) {
 // Reads the next merge "a b" and its separator; false when only blanks are
 // left (the merge list stopped without its closing ";", for instance right
 // after a ","; the lineage count reports it).
+// The two nodes a merge joins (b looked up first); a missing one is a
+// topology error.
+void find_merged_nodes(tree_nodes& tree, double position, int a, int b, tree_node*& node_a, tree_node*& node_b) {
+    node_b = find_node(tree, b);
+    node_a = find_node(tree, a);
+    if (node_a == nullptr || node_b == nullptr)
+        throw BadTreeDataException(position, "error with tree topology, can't find branch in read_tree.");
+}
+
 bool read_merge(std::istringstream& in, double position, int& a, int& b, char& separator) {
     in >> std::ws;
     if (in.peek() == std::char_traits<char>::eof()) return false;
@@ -87,10 +96,9 @@ void parse_with_leaf_sets(std::string const& text, tree_nodes& tree, int leaves)
     int a = 0, b = 0;
     char separator = '\0';
     while (read_merge(in, position, a, b, separator)) {
-        tree_node* node_b = find_node(tree, b);
-        tree_node* node_a = find_node(tree, a);
-        if (node_a == nullptr || node_b == nullptr)
-            throw BadTreeDataException(position, "error with tree topology, can't find branch in read_tree.");
+        tree_node* node_a = nullptr;
+        tree_node* node_b = nullptr;
+        find_merged_nodes(tree, position, a, b, node_a, node_b);
         join(*node_a, *node_b, time, static_cast<double>(active.size()));
 
         tree_node merged;
@@ -140,10 +148,9 @@ void parse_tree(std::string const& text, tree_nodes& tree, int leaves, bool leaf
     int a = 0, b = 0;
     char separator = '\0';
     while (read_merge(in, position, a, b, separator)) {
-        tree_node* node_b = find_node(tree, b);
-        tree_node* node_a = find_node(tree, a);
-        if (node_a == nullptr || node_b == nullptr)
-            throw BadTreeDataException(position, "error with tree topology, can't find branch in read_tree.");
+        tree_node* node_a = nullptr;
+        tree_node* node_b = nullptr;
+        find_merged_nodes(tree, position, a, b, node_a, node_b);
         if (a == b || merged[a - 1] || merged[b - 1]) return parse_with_leaf_sets(text, tree, leaves);
         join(*node_a, *node_b, time, static_cast<double>(n - (next_id - n)));
         merged[a - 1] = merged[b - 1] = true;
