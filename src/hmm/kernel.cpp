@@ -607,7 +607,8 @@ namespace {
 KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, double* Q, std::vector<double>& strip) {
     int const K = layout.K;
     constexpr int block = 8;
-    strip.resize(static_cast<std::size_t>(block) * K);
+    strip.resize(static_cast<std::size_t>(block + 1) * K);
+    double* full = strip.data() + static_cast<std::size_t>(block) * K;
     const int* order = layout.order.data();
     for (int X = 0; X < K; X += block) {
         int const w = std::min(block, K - X);
@@ -622,15 +623,15 @@ KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, dou
             }
         }
         for (int u = 0; u < w; ++u) {
+            // The whole of P's row x, laid out plainly first: choosing between
+            // row and strip per element would branch at random.
             int const x = X + u;
             const double* row = P + tri_offset(x);
-            const double* column = strip.data() + u;
+            for (int y = 0; y <= x; ++y) full[y] = row[y];
+            for (int y = x + 1; y < K; ++y) full[y] = strip[static_cast<std::size_t>(y) * block + u];
             int const p = layout.rank[x];
             double* out = Q + tri_offset(p);
-            for (int q = 0; q < p; ++q) {
-                int const y = order[q];
-                out[q] = y <= x ? row[y] : column[static_cast<std::size_t>(y) * block];
-            }
+            for (int q = 0; q < p; ++q) out[q] = full[order[q]];
         }
     }
 }
@@ -853,8 +854,8 @@ std::size_t Workspace::bytes(int K, Schedule const& schedule, std::size_t kept_b
     std::size_t const n = tri_size(K), k = static_cast<std::size_t>(K);
     std::size_t const slots =
         std::min<std::size_t>(static_cast<std::size_t>(schedule.n_kept), kept_slots(K, kept_budget));
-    // f, b, p; row sums rf x 2, rg x 2, rb, m, scratch (2K).
-    return sizeof(double) * (3 * n + 9 * k + slots * (n + k)) + sizeof(Kept) * slots;
+    // f, b, g x 2, p; row sums rf x 2, rg x 2, rb, m, scratch (2K).
+    return sizeof(double) * (5 * n + 9 * k + slots * (n + k)) + sizeof(Kept) * slots;
 }
 
 void Workspace::reserve(int K, int slots) {
@@ -864,6 +865,8 @@ void Workspace::reserve(int K, int slots) {
         f_.assign(n, 0.0);
         b_.assign(n, 0.0);
         p_.assign(n, 0.0);
+        g_[0].assign(n, 0.0);
+        g_[1].assign(n, 0.0);
         for (int k = 0; k < 2; ++k) {
             rf_[k].assign(K, 0.0);
             rg_[k].assign(K, 0.0);
@@ -1008,18 +1011,41 @@ void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uin
     auto has_positions = [&](int s) { return schedule.by_right_start[s] < schedule.by_right_start[s + 1]; };
     int lowest = 0;  // no B below the lowest right flank is needed
     while (!has_positions(lowest)) ++lowest;
+    // The pass runs on G_s = E_s * B_s in two rolling arrays, the cheaper
+    // form of the recursion; B_s itself is formed from G_{s+1} only where a
+    // position needs it or the step must rescale. Rescaling divides B_s, as
+    // the recursion on B does, and forms G_s again from it, so every value
+    // is the same bit for bit.
     int r = 0;
+    double* G[2] = {g_[0].data(), g_[1].data()};
     double tg = backward_last(K, panel.h(L - 1), ecol(L - 1), B, rg_[r].data(), L > 1);
+    if (lowest < L - 1) weighted(K, B, panel.h(L - 1), ecol(L - 1), G[r], scratch_.data());
     finish(L - 1);
     for (int s = L - 2; s >= lowest; --s) {
+        double const stay = panel.stay[s + 1], jump = panel.jump[s + 1];
         // B's row sums come with the step where a position between SNPs needs them.
         bool const sums = carried_[s];
-        bool rescaled;
-        tg = backward_step_sums(K, panel.stay[s + 1], panel.jump[s + 1], B, panel.h(s + 1), ecol(s + 1),
-                                rg_[r].data(), tg, panel.h(s), ecol(s), B, rg_[1 - r].data(), s > 0,
-                                sums ? rb_.data() : nullptr, tb, rescaled);
+        bool const have_b = has_positions(s);
+        double tb_step = 0.0;
+        if (have_b) tb_step = backward_from_gamma(K, stay, jump, G[r], rg_[r].data(), tg, B, sums ? rb_.data() : nullptr);
+        bool rescaled = false;
+        double next_tg = 0.0;
+        if (s > 0) {
+            next_tg = gamma_step(K, stay, jump, G[r], rg_[r].data(), tg, panel.h(s), ecol(s), G[1 - r],
+                                 rg_[1 - r].data());
+            if (next_tg < underflow_limit) {
+                if (!have_b) backward_from_gamma(K, stay, jump, G[r], rg_[r].data(), tg, B);
+                divide(tri_size(K), B, next_tg);
+                divide(static_cast<std::size_t>(K), rg_[1 - r].data(), next_tg);
+                weighted(K, B, panel.h(s), ecol(s), G[1 - r], scratch_.data());
+                next_tg = 1.0;
+                rescaled = true;
+            }
+        }
+        tg = next_tg;
         r = 1 - r;
         b_sums = sums && !rescaled;
+        if (b_sums) tb = tb_step;
         finish(s);
     }
 }

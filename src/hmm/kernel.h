@@ -233,7 +233,7 @@ CheckpointPlan plan_checkpoints(int n_kept, int slots);
 
 // Per-thread buffers for one individual at a time; grown on first use and
 // reused afterwards. Memory: up to kept_budget bytes of kept forward arrays
-// (at least one array) plus three working pair arrays, independent of the
+// (at least one array) plus five working pair arrays, independent of the
 // number of SNPs.
 class Workspace {
 public:
@@ -269,7 +269,7 @@ private:
     std::vector<int> kept_snp_;  // kept index -> SNP
     std::vector<int> visit_;     // positions in the order they are finished
     std::vector<bool> carried_;  // per SNP: right flank of a position between SNPs
-    std::vector<double> b_, rg_[2];  // backward values (updated in place), row sums of E * B
+    std::vector<double> b_, g_[2], rg_[2];  // backward values B, E * B (rolling) and its row sums
     std::vector<double> rb_;         // row sums of B where known
     std::vector<double> p_, m_, scratch_;
     long forward_steps_ = 0;

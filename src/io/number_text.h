@@ -1,4 +1,4 @@
-// Fast text for doubles, byte-identical to what an ostream with default flags
+// Fast text for numbers, byte-identical to what an ostream with default flags
 // writes at the given precision ("%.<precision>g"). Streams cost about 200 ns
 // a number, which dominates runs that write whole pair matrices.
 #pragma once
@@ -6,10 +6,13 @@
 #include <charconv>
 #include <string>
 
+// Writes value as "%.<precision>g" would, from out on (at most 32 bytes), and
+// returns the end.
+char* general_text(char* out, double value, int precision);
+
 inline void append_number(std::string& out, double value, int precision) {
-    char buffer[64];
-    auto const result = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, precision);
-    out.append(buffer, result.ptr);
+    char buffer[32];
+    out.append(buffer, general_text(buffer, value, precision));
 }
 
 inline void append_number(std::string& out, int value) {
