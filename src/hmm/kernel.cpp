@@ -120,7 +120,7 @@ struct RowEmission {
 // off-diagonal value is added to R[j] (unless Sums is false) and to partial
 // sum j % 8 of its row; columns come in blocks of eight (two halves of four),
 // one block of four where it fits, then single columns. Returns the total,
-// which equals tri_total of the values.
+// the sum of all K*K entries of the full symmetric matrix.
 template <bool Sums = true, class MakeRow>
 KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
     double total = 0.0;
@@ -154,63 +154,6 @@ KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
         double const d = row.one(i);
         if (Sums) R[i] = off + d;
         total += 2.0 * off + d;
-    }
-    return total;
-}
-
-// The same pass for rows that give two arrays at once (block(j, second) and
-// one(j, second)): the first is summed into R and the returned total, the
-// second into R2 and total2, each in the order of sweep.
-template <class MakeRow>
-KETRA_INLINE double sweep_both(int K, double* R, double* R2, double& total2, MakeRow const& make_row) {
-    double total = 0.0;
-    total2 = 0.0;
-    for (int i = 0; i < K; ++i) {
-        auto const row = make_row(i);
-        v4 lo = splat(0.0), hi = splat(0.0), lo2 = splat(0.0), hi2 = splat(0.0);
-        int j = 0;
-        for (; j + 8 <= i; j += 8) {
-            v4 b;
-            v4 const x = row.block(j, b);
-            store4(R + j, load4(R + j) + x);
-            store4(R2 + j, load4(R2 + j) + b);
-            lo += x;
-            lo2 += b;
-            v4 const y = row.block(j + 4, b);
-            store4(R + j + 4, load4(R + j + 4) + y);
-            store4(R2 + j + 4, load4(R2 + j + 4) + b);
-            hi += y;
-            hi2 += b;
-        }
-        if (j + 4 <= i) {
-            v4 b;
-            v4 const x = row.block(j, b);
-            store4(R + j, load4(R + j) + x);
-            store4(R2 + j, load4(R2 + j) + b);
-            lo += x;
-            lo2 += b;
-            j += 4;
-        }
-        double acc[8], acc2[8];
-        std::memcpy(acc, &lo, sizeof lo);
-        std::memcpy(acc + 4, &hi, sizeof hi);
-        std::memcpy(acc2, &lo2, sizeof lo2);
-        std::memcpy(acc2 + 4, &hi2, sizeof hi2);
-        for (; j < i; ++j) {
-            double b;
-            double const x = row.one(j, b);
-            R[j] += x;
-            acc[j & 7] += x;
-            R2[j] += b;
-            acc2[j & 7] += b;
-        }
-        double d2;
-        double const off = reduce8(acc), off2 = reduce8(acc2);
-        double const d = row.one(i, d2);
-        R[i] = off + d;
-        total += 2.0 * off + d;
-        R2[i] = off2 + d2;
-        total2 += 2.0 * off2 + d2;
     }
     return total;
 }
@@ -297,19 +240,6 @@ struct BackwardRow {  // B = transition of E_{s+1} * Bn; yields E_s * B
         B[j] = v;
         return v * e.at(h, j);
     }
-    // The same, also giving the value of B itself.
-    KETRA_INLINE v4 block(int j, v4& b) const {
-        v4 const v = ((k.ri + load4(Rg + j)) * k.ab + k.bbt) + k.aa * (load4(Bn + j) * en.at4(load4(hn + j)));
-        store4(B + j, v);
-        b = v;
-        return v * e.at4(load4(h + j));
-    }
-    double one(int j, double& b) const {
-        double const v = step_value(ri, Rg[j], Bn[j] * en.at(hn, j), c);
-        B[j] = v;
-        b = v;
-        return v * e.at(h, j);
-    }
 };
 
 struct ProductRow {  // P = F * B
@@ -388,20 +318,6 @@ KETRA_CLONES double row_sums(int K, const double* T, double* R) {
     return sweep(K, R, [&](int i) { return SumRow{T + tri_offset(i)}; });
 }
 
-KETRA_CLONES double tri_total(int K, const double* T) {
-    double total = 0.0;
-    for (int i = 0; i < K; ++i) {
-        const double* Ti = T + tri_offset(i);
-        double acc[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-        int j = 0;
-        for (; j + 8 <= i; j += 8)
-            for (int l = 0; l < 8; ++l) acc[l] += Ti[j + l];
-        for (; j < i; ++j) acc[j & 7] += Ti[j];
-        total += 2.0 * reduce8(acc) + Ti[i];
-    }
-    return total;
-}
-
 // ---- Recursions ------------------------------------------------------------
 
 double forward_first(int K, const double* h, const double* ecol, double* F, double* R) {
@@ -443,41 +359,22 @@ double backward_last(int K, const double* h, const double* ecol, double* B, doub
     return total;
 }
 
-namespace {
-
-// backward_step; with RB, also B_s's row sums (as row_sums gives them) and its
-// total in TB, valid unless the step rescaled B (then rescaled is set).
-KETRA_CLONES double backward_step_sums(int K, double stay, double jump, const double* Bn, const double* hn,
-                                       const double* ecoln, const double* Rg, double Tg, const double* h,
-                                       const double* ecol, double* B, double* Rg_out, bool want_gamma, double* RB,
-                                       double& TB, bool& rescaled) {
+KETRA_CLONES double backward_step(int K, double stay, double jump, const double* Bn, const double* hn,
+                                  const double* ecoln, const double* Rg, double Tg, const double* h,
+                                  const double* ecol, double* B, double* Rg_out, bool want_gamma) {
     Coefficients const c = coefficients(stay, jump, Tg);
-    auto const row = [&](int i) {
+    // At the first SNP the sums are not needed; they land in Rg_out unused.
+    double total = sweep(K, Rg_out, [&](int i) {
         std::size_t const o = tri_offset(i);
         return BackwardRow{Bn + o, B + o, Rg, hn, h, RowEmission(hn, ecoln, i), RowEmission(h, ecol, i), c, Rg[i]};
-    };
-    // At the first SNP the sums are not needed; they land in Rg_out unused.
-    double total = RB ? sweep_both(K, Rg_out, RB, TB, row) : sweep(K, Rg_out, row);
-    rescaled = false;
+    });
     if (!want_gamma) return 0.0;
     if (total < underflow_limit) {
         divide(tri_size(K), B, total);
         divide(static_cast<std::size_t>(K), Rg_out, total);
         total = 1.0;
-        rescaled = true;
     }
     return total;
-}
-
-}  // namespace
-
-double backward_step(int K, double stay, double jump, const double* Bn, const double* hn, const double* ecoln,
-                     const double* Rg, double Tg, const double* h, const double* ecol, double* B, double* Rg_out,
-                     bool want_gamma) {
-    double unused_total;
-    bool unused_rescaled;
-    return backward_step_sums(K, stay, jump, Bn, hn, ecoln, Rg, Tg, h, ecol, B, Rg_out, want_gamma, nullptr,
-                              unused_total, unused_rescaled);
 }
 
 KETRA_CLONES double gamma_step(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg,

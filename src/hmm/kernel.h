@@ -31,8 +31,6 @@ constexpr double underflow_limit = 1e-100;
 
 // Row sums R (K values) of the full symmetric matrix of T; returns the total.
 double row_sums(int K, const double* T, double* R);
-// Total of the full symmetric matrix of T.
-double tri_total(int K, const double* T);
 
 // ---- Recursions ------------------------------------------------------------
 // h: the SNP's alleles as 0.0 / 1.0, one per haplotype. ecol: the emission

@@ -42,7 +42,8 @@ char* general_text(char* out, double value, int precision) {
     std::uint64_t bits;
     std::memcpy(&bits, &magnitude, sizeof bits);
     int const binary_exponent = static_cast<int>(bits >> 52) - 1023;  // magnitude in [2^e, 2^(e+1))
-    int x = (binary_exponent * 78913) >> 18;  // floor(e * log10(2)), a first guess at the decimal exponent
+    int x = (binary_exponent * 78913) >> 18;  // floor(e * log10(2)): the decimal exponent or one less
+    x += magnitude >= ten_to(x + 1);          // no branch: which of the two it is, is random
     double const low = ten_to(precision - 1), high = ten_to(precision);
     double digits = 0.0;
     for (int tries = 0;; ++tries) {
@@ -56,9 +57,15 @@ char* general_text(char* out, double value, int precision) {
         else break;
     }
 
+    static char const pairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
     char text[16];
     auto n = static_cast<std::uint32_t>(digits);
-    for (int i = precision - 1; i >= 0; --i, n /= 10) text[i] = static_cast<char>('0' + n % 10);
+    int i = precision;
+    for (; i >= 2; i -= 2, n /= 100) std::memcpy(text + i - 2, pairs + 2 * (n % 100), 2);
+    if (i == 1) text[0] = static_cast<char>('0' + n);
     int used = precision;  // digits left once trailing zeros go
     while (used > 1 && text[used - 1] == '0') --used;
 
