@@ -512,6 +512,9 @@ KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, dou
         for (int y = X; y < K; ++y) {
             double* to = &strip[static_cast<std::size_t>(y) * block];
             const double* from = P + tri_offset(y) + X;
+            // Each row is a new cache line at an irregular stride, which the
+            // hardware does not foresee: ask for one some rows ahead.
+            if (y + 16 < K) __builtin_prefetch(P + tri_offset(y + 16) + X);
             if (y >= X + block - 1 && w == block) {
                 for (int u = 0; u < block; ++u) to[u] = from[u];
             } else {
