@@ -21,7 +21,11 @@ struct powers_of_ten {
     double operator()(int k) const { return value[k - table_min]; }
 };
 
-powers_of_ten const ten_to;
+// Made on first use, so that text written during static set-up finds it ready.
+powers_of_ten const& powers() {
+    static powers_of_ten const table;
+    return table;
+}
 
 char* library_text(char* out, double value, int precision) {
     return std::to_chars(out, out + 32, value, std::chars_format::general, precision).ptr;
@@ -36,9 +40,17 @@ char* library_text(char* out, double value, int precision) {
 // precisions go to the library's exact conversion.
 char* general_text(char* out, double value, int precision) {
     double const magnitude = std::fabs(value);
+    powers_of_ten const& ten_to = powers();
     if (precision < 1 || precision > 9 || !(magnitude >= 1e-280 && magnitude <= 1e280))
         return library_text(out, value, precision);
 
+    // Probabilities next to one are the commonest values written: all of them
+    // that round to one, away from the rounding boundaries, take a short cut.
+    if (magnitude > 1.0 - 0.45 * ten_to(-precision) && magnitude < 1.0 + 4.5 * ten_to(-precision)) {
+        if (value < 0) *out++ = '-';
+        *out++ = '1';
+        return out;
+    }
     std::uint64_t bits;
     std::memcpy(&bits, &magnitude, sizeof bits);
     int const binary_exponent = static_cast<int>(bits >> 52) - 1023;  // magnitude in [2^e, 2^(e+1))
