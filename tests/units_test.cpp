@@ -49,7 +49,8 @@ TEST(StrandPrediction, ReversesOnlyClearlyMismatchedFrequencies) {
 }
 
 // The fast number text must equal what an ostream writes at the same precision:
-// special values, then probabilities over many magnitudes, raw bit patterns and positions.
+// special values, probabilities over many magnitudes and next to one, raw bit
+// patterns, positions, and values on and beside the rounding boundaries.
 TEST(NumberText, MatchesStreamOutput) {
     std::vector<double> values = {-0.0, 9.999995e-5, 999999.5, 99999.95, 5e-324, 1.7976931348623157e308,
                                   std::numeric_limits<double>::infinity(), std::nan("")};
@@ -60,10 +61,16 @@ TEST(NumberText, MatchesStreamOutput) {
         double raw;
         std::memcpy(&raw, &bits, sizeof raw);
         values.insert(values.end(), {unit(rng) * std::pow(10.0, -static_cast<int>(unit(rng) * 40)), raw,
-                                     std::floor(unit(rng) * 3e8) + (i % 4) * 0.25});
+                                     std::floor(unit(rng) * 3e8) + (i % 4) * 0.25, 1 - unit(rng) * 1e-5,
+                                     1 + unit(rng) * 1e-5});
     }
+    for (int k = -290; k <= 290; k += 7)
+        for (double digits : {1.5, 9.5, 99.5, 999999.5, 9999995.0, 10.0}) {
+            double const v = digits * std::pow(10.0, k);
+            values.insert(values.end(), {v, std::nextafter(v, 0.0), std::nextafter(v, 1e308)});
+        }
     for (double v : values)
-        for (int precision : {6, 10}) {
+        for (int precision : {1, 3, 6, 9, 10}) {
             std::ostringstream os;
             os << std::setprecision(precision) << v;
             std::string fast;
