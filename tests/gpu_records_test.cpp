@@ -62,9 +62,9 @@ TEST(GpuRecords, DeviceArithmeticAssemblesTheCpuRecords) {
         bool trees, pairs;
         int team;
     };
-    Case const cases[] = {{1, 6, 1.0, true, true, 1},     {2, 1, 1.0, true, false, 3},  {5, 40, 1e-12, true, true, 3},
-                          {9, 25, 1.0, false, true, 1},   {11, 60, 1e-30, true, false, 3}, {17, 30, 1e-45, true, true, 3},
-                          {3, 8, 1e-120, true, true, 3}};
+    Case const cases[] = {{1, 6, 1.0, true, true, 1},      {2, 1, 1.0, true, false, 3},  {5, 40, 1e-12, true, true, 3},
+                          {9, 25, 1.0, false, true, 1},    {11, 60, 1e-30, true, false, 3}, {16, 12, 1e-3, true, true, 3},
+                          {17, 30, 1e-45, true, true, 3}, {37, 10, 1e-90, true, true, 3},  {3, 8, 1e-120, true, true, 3}};
     std::mt19937_64 rng(23);
     for (Case const& c : cases) {
         SCOPED_TRACE("K=" + std::to_string(c.K) + " L=" + std::to_string(c.L) + (c.trees ? " trees" : "") +
