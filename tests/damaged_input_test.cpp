@@ -26,7 +26,7 @@ std::string read_all(std::string const& path, std::string& error) {
 }
 
 std::string gz_bytes(TempDir const& dir, std::string const& content) {
-    write_gz_file(dir.file("tmp.gz"), content);
+    write_file(dir.file("tmp.gz"), content, true);
     return read_file(dir.file("tmp.gz"));
 }
 

@@ -1,24 +1,26 @@
 // The per-individual engine against a brute-force ordered-pair model with an
-// explicit K^2 x K^2 transition matrix, over a table of panel shapes, each run
-// on one or more threads (more threads must give the same bits as one).
+// explicit K^2 x K^2 transition matrix over a table of panel shapes, and
+// against itself under memory budgets so small that it recomputes forward
+// arrays from checkpoints.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
-#include <thread>
+#include <string>
 #include <vector>
 
 #include "hmm/hmm.h"
 #include "hmm/kernel.h"
-#include "trees/tree.h"
+#include "support/test_support.h"
 
 namespace {
 
 using Vec = std::vector<double>;
 using Mat = std::vector<Vec>;
 using hmm_kernel::tri_offset;
+using hmm_kernel::tri_size;
+using ketra_test::same_bits;
 
 struct Shape {
     int K, L, N;
@@ -26,7 +28,6 @@ struct Shape {
     // Runs of SNPs where every haplotype carries allele 0 and every individual
     // two copies of allele 1: the totals underflow and both passes rescale.
     bool mismatch_runs;
-    int threads;
 };
 
 HMM make_hmm(Shape const& shape, unsigned seed) {
@@ -147,63 +148,90 @@ Vec brute_posterior(int K, Brute const& b, hmm_kernel::Flank const& f) {
 
 double P_at(const double* P, int x, int y) { return x >= y ? P[tri_offset(x) + y] : P[tri_offset(y) + x]; }
 
-// Every individual's posterior at every flank, individuals dealt out over threads.
-Mat engine_posteriors(HMM const& h, std::vector<hmm_kernel::Flank> const& flanks, int threads) {
+// Every individual's posterior at every flank.
+Mat engine_posteriors(HMM const& h, std::vector<hmm_kernel::Flank> const& flanks) {
     hmm_kernel::Panel const panel = make_panel(h);
     hmm_kernel::Schedule const schedule(panel.L, flanks);
-    std::size_t const P = flanks.size();
-    Mat out(panel.N * P);
-    auto work = [&](int first) {
-        hmm_kernel::Workspace ws;
-        for (int n = first; n < panel.N; n += threads) {
-            auto sink = [&](int p, const double* x) { out[n * P + p].assign(x, x + hmm_kernel::tri_size(panel.K)); };
-            ws.run(panel, schedule, panel.genotypes_of(n), sink);
-        }
-    };
-    std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t) pool.emplace_back(work, t);
-    for (auto& t : pool) t.join();
+    Mat out(panel.N * flanks.size());
+    hmm_kernel::Workspace ws;
+    for (int n = 0; n < panel.N; ++n) {
+        auto sink = [&](int p, const double* x) { out[n * flanks.size() + p].assign(x, x + tri_size(panel.K)); };
+        ws.run(panel, schedule, panel.genotypes_of(n), sink);
+    }
     return out;
 }
 
-// A random full binary tree over K leaves, built by the tree parser from its text.
-tree_nodes random_tree(int K, std::mt19937_64& rng) {
-    std::vector<int> active;  // 1-based node ids as the text names them
-    for (int l = 1; l <= K; ++l) active.push_back(l);
-    std::string text = "1 0;" + std::to_string(K) + ";";
-    for (int id = K + 1; active.size() > 1; ++id) {
-        std::shuffle(active.begin(), active.end(), rng);
-        text += std::to_string(active.back()) + " " + std::to_string(active[active.size() - 2]) + ",";
-        active.resize(active.size() - 2);
-        active.push_back(id);
+// Plays a plan through as the backward pass uses it (kept indices descending)
+// and reports the first fault.
+std::string replay(hmm_kernel::CheckpointPlan const& plan, int n_kept, long& steps) {
+    std::vector<int> holder(plan.slots, -1);  // kept index in each slot
+    std::vector<bool> stored(n_kept, false);
+    std::size_t done = 0;
+    steps = 0;
+    for (int k = n_kept - 1; k >= 0; --k) {
+        for (; static_cast<int>(done) < plan.sweeps_before[k]; ++done) {
+            auto const& sw = plan.sweeps[done];
+            if (sw.from >= 0 && holder[plan.slot_of[sw.from]] != sw.from) return "sweep from a lost array";
+            steps += sw.to - sw.from;
+            for (int x : sw.store) {
+                int const slot = plan.slot_of[x];
+                if (slot < 0 || slot >= plan.slots) return "slot out of range";
+                if (holder[slot] >= 0 && holder[slot] <= k) return "live array overwritten";
+                if (stored[x]) return "stored twice";
+                holder[slot] = x;
+                stored[x] = true;
+            }
+        }
+        if (!stored[k] || holder[plan.slot_of[k]] != k) return "array missing when used";
     }
-    text.back() = ';';
-    tree_nodes t;
-    parse_tree(text, t, K);
-    return t;
+    return done == plan.sweeps.size() ? "" : "sweeps left over";
+}
+
+// Every individual's posteriors and haplotype sums (also summed apart from
+// the fused pass), and the forward steps taken.
+struct BudgetRun {
+    Vec P, m, m_apart;
+    long forward_steps = 0;
+};
+
+BudgetRun run_with(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule, std::size_t budget) {
+    hmm_kernel::Workspace ws(budget);
+    BudgetRun r;
+    Vec m_apart(panel.K);
+    for (int i = 0; i < panel.N; ++i) {
+        auto sink = [&](int, const double* x, const double* m) {
+            r.P.insert(r.P.end(), x, x + tri_size(panel.K));
+            r.m.insert(r.m.end(), m, m + panel.K);
+            hmm_kernel::haplotype_probabilities(panel.K, x, m_apart.data());
+            r.m_apart.insert(r.m_apart.end(), m_apart.begin(), m_apart.end());
+        };
+        ws.run(panel, schedule, panel.genotypes_of(i), sink);
+        r.forward_steps += ws.forward_steps();
+    }
+    return r;
 }
 
 }  // namespace
 
-TEST(Engine, MatchesBruteForceOverShapesAndThreads) {
+TEST(Engine, MatchesBruteForceOverShapes) {
     std::vector<Shape> const shapes = {
-        {1, 5, 3, 0.3, false, 1},   {2, 5, 3, 0.5, false, 2},  {3, 6, 4, 0.8, false, 1},
-        {4, 5, 3, 1.1, false, 3},   {5, 24, 2, 1e-28, true, 1}, {9, 31, 3, 1e-60, true, 2},
-        {12, 16, 5, 0.4, false, 4}, {17, 22, 2, 1e-28, true, 1},
+        {1, 5, 3, 0.3, false},      {2, 5, 3, 0.5, false},  {3, 6, 4, 0.8, false},   {4, 5, 3, 1.1, false},
+        {5, 24, 2, 1e-28, true},    {9, 31, 3, 1e-60, true}, {12, 16, 5, 0.4, false}, {17, 22, 2, 1e-28, true},
     };
     std::mt19937_64 rng(7);
     for (Shape const& shape : shapes) {
         int const K = shape.K;
-        SCOPED_TRACE("K=" + std::to_string(K) + " L=" + std::to_string(shape.L) + " threads=" +
-                     std::to_string(shape.threads));
+        SCOPED_TRACE("K=" + std::to_string(K) + " L=" + std::to_string(shape.L));
         HMM const h = make_hmm(shape, 100 * K + shape.L);
         auto const flanks = test_flanks(h);
-        Mat const got = engine_posteriors(h, flanks, shape.threads);
-        if (shape.threads > 1) {
-            EXPECT_TRUE(got == engine_posteriors(h, flanks, 1)) << "threads change the bits";
-        }
-        tree_nodes const tree = random_tree(K, rng);
-        auto const layout = make_branch_layout(tree, K);
+        Mat const got = engine_posteriors(h, flanks);
+        // A random tree and the leaves below each node, found from the merges alone.
+        hmm_kernel::BranchLayout const layout = ketra_test::random_layout(K, rng);
+        int const nodes = layout.n_nodes();
+        std::vector<std::vector<bool>> below(nodes, std::vector<bool>(K));
+        for (int v = 0; v < nodes; ++v)
+            for (int k = 0; k < K; ++k)
+                below[v][k] = v < K ? k == v : below[layout.child_a[v]][k] || below[layout.child_b[v]][k];
         int rescales[2] = {0, 0};
         for (int n = 0; n < shape.N; ++n) {
             Brute const b = brute_force(h, n);
@@ -215,18 +243,18 @@ TEST(Engine, MatchesBruteForceOverShapesAndThreads) {
                 for (int x = 0; x < K * K; ++x)
                     ASSERT_NEAR(P_at(P, x / K, x % K), expected[x], 1e-9 * expected[x] + 1e-300) << "flank " << p;
                 // Copy probabilities and per-branch sums: both copies below a node, or exactly one.
-                Vec m(K), both(layout.n_nodes()), one(layout.n_nodes()), work(2 * layout.n_nodes());
+                Vec m(K), both(nodes), one(nodes), work(2 * nodes), reordered(tri_size(K));
                 hmm_kernel::haplotype_probabilities(K, P, m.data());
-                hmm_kernel::branch_probabilities(layout, P, m.data(), both.data(), one.data(), work.data());
-                for (auto const& [id, node] : tree) {
+                hmm_kernel::branch_probabilities(layout, P, m.data(), both.data(), one.data(), work.data(),
+                                                 reordered.data());
+                for (int v = 0; v < nodes; ++v) {
                     double eb = 0.0, eo = 0.0;
                     for (int x = 0; x < K * K; ++x) {  // a leaf's sums add up to its copy probability m
-                        bool const bx = node.leaves_below.count(x / K), by = node.leaves_below.count(x % K);
-                        eb += bx && by ? expected[x] : 0.0;
-                        eo += bx && !by ? 2.0 * expected[x] : 0.0;
+                        eb += below[v][x / K] && below[v][x % K] ? expected[x] : 0.0;
+                        eo += below[v][x / K] && !below[v][x % K] ? 2.0 * expected[x] : 0.0;
                     }
-                    EXPECT_NEAR(both[id], eb, 1e-9) << "node " << id;
-                    EXPECT_NEAR(one[id], eo, 1e-9) << "node " << id;
+                    EXPECT_NEAR(both[v], eb, 1e-9) << "node " << v;
+                    EXPECT_NEAR(one[v], eo, 1e-9) << "node " << v;
                 }
             }
         }
@@ -236,27 +264,7 @@ TEST(Engine, MatchesBruteForceOverShapesAndThreads) {
     }
 }
 
-TEST(Engine, FirstForwardArrayIsTheUniformPriorTimesTheEmission) {
-    double const h[3] = {0.0, 1.0, 1.0}, ecol[3] = {0.5, 0.25, 0.125};
-    Vec F(hmm_kernel::tri_size(3)), R(3);
-    double const total = hmm_kernel::forward_first(3, h, ecol, F.data(), R.data());
-    Vec const expected = {0.5 / 9, 0.25 / 9, 0.125 / 9, 0.25 / 9, 0.125 / 9, 0.125 / 9};
-    EXPECT_EQ(F, expected);
-    EXPECT_DOUBLE_EQ(total, (0.5 + 4 * 0.25 + 4 * 0.125) / 9);
-}
-
-TEST(Engine, FlanksOfPositions) {
-    Vec const pos = {100.0, 200.0, 350.0}, rate = {0.0, 0.5, 0.25};
-    struct Row { double t; int left, right; double dl, dr, rate; };
-    for (Row const& r : std::vector<Row>{{100.0, 0, 0, 0.0, 0.0, 0.0}, {150.0, 0, 1, 50.0, 50.0, 0.5},
-                                         {200.0, 1, 1, 0.0, 0.0, 0.5}, {349.5, 1, 2, 149.5, 0.5, 0.25},
-                                         {350.0, 2, 2, 0.0, 0.0, 0.25}}) {
-        auto const f = hmm_kernel::find_flanks(pos, rate, {r.t}).at(0);
-        EXPECT_EQ(std::vector<double>({double(f.left), double(f.right), f.left_distance, f.right_distance, f.rate}),
-                  std::vector<double>({double(r.left), double(r.right), r.dl, r.dr, r.rate})) << r.t;
-    }
-    EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {99.0}), std::out_of_range);
-    EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {350.5}), std::out_of_range);
+TEST(Engine, PositionsOnAFlankSnpAndMalformedInput) {
     // A position with either distance 0 is taken as lying on its flank SNP: no carrying.
     Vec const F = {0.1, 0.2, 0.3, 0.05, 0.15, 0.2}, B = {0.3, 0.1, 0.2, 0.4, 0.25, 0.05};
     auto at = [&](double dl, double dr) {
@@ -267,8 +275,48 @@ TEST(Engine, FlanksOfPositions) {
     EXPECT_EQ(at(50.0, 0.0), at(0.0, 0.0));
     EXPECT_EQ(at(0.0, 50.0), at(0.0, 0.0));
     EXPECT_NE(at(50.0, 50.0), at(0.0, 0.0));
+    Vec const pos = {100.0, 200.0, 350.0}, rate = {0.0, 0.5, 0.25};
+    EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {99.0}), std::out_of_range);
+    EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {350.5}), std::out_of_range);
     // Tables that are not trees: a self-merge, a child with a later id, a leaf with children.
     EXPECT_THROW(hmm_kernel::BranchLayout(3, {-1, -1, -1, 0}, {-1, -1, -1, 0}), std::invalid_argument);
     EXPECT_THROW(hmm_kernel::BranchLayout(3, {-1, -1, -1, 4}, {-1, -1, -1, 1}), std::invalid_argument);
     EXPECT_THROW(hmm_kernel::BranchLayout(2, {-1, 0}, {-1, -1}), std::invalid_argument);
+}
+
+TEST(Checkpoints, PlansKeepEveryArrayUntilItsUse) {
+    for (int n_kept = 1; n_kept <= 60; ++n_kept)
+        for (int slots = 1; slots <= 12; ++slots) {
+            SCOPED_TRACE("kept " + std::to_string(n_kept) + ", slots " + std::to_string(slots));
+            hmm_kernel::CheckpointPlan const plan = hmm_kernel::plan_checkpoints(n_kept, slots);
+            long steps = 0;
+            ASSERT_EQ(replay(plan, n_kept, steps), "");
+            ASSERT_LE(plan.slots, slots);
+            EXPECT_TRUE(n_kept > slots || plan.sweeps.size() == 1u);
+            // Two levels suffice while n_kept fits (slots+1)(slots+2)/2: about
+            // two forward sweeps, never the quadratic fallback.
+            EXPECT_TRUE(n_kept + 1 > (slots + 1) * (slots + 2) / 2 || steps <= 2L * n_kept);
+        }
+}
+
+TEST(Checkpoints, TinyBudgetsRecomputeAndGiveTheSameBits) {
+    struct Case {
+        int K, L, N, slots;  // kept arrays the budget allows
+    };
+    std::mt19937_64 rng(17);
+    for (Case const c : {Case{5, 40, 2, 1}, Case{7, 60, 2, 4}, Case{12, 50, 2, 3}, Case{3, 30, 3, 7}, Case{9, 45, 1, 1000}}) {
+        SCOPED_TRACE("K " + std::to_string(c.K) + " L " + std::to_string(c.L) + " slots " + std::to_string(c.slots));
+        ketra_test::RunData const run = ketra_test::make_run(c.K, c.L, c.N, 1e-30, false, rng);
+        std::size_t const per_array = (tri_size(c.K) + c.K) * sizeof(double);
+        std::size_t const budget = c.slots * per_array + per_array / 2, all_budget = hmm_kernel::default_kept_budget;
+        ASSERT_EQ(hmm_kernel::Workspace::kept_slots(c.K, budget), c.slots);
+        BudgetRun const all = run_with(run.panel, run.schedule, all_budget), few = run_with(run.panel, run.schedule, budget);
+        bool const recomputes = c.slots < run.schedule.n_kept;
+        EXPECT_EQ(few.forward_steps > all.forward_steps, recomputes);
+        std::size_t const small = hmm_kernel::Workspace::bytes(c.K, run.schedule, budget);
+        EXPECT_EQ(small < hmm_kernel::Workspace::bytes(c.K, run.schedule, all_budget), recomputes);
+        EXPECT_GE(small, (5 + std::min(c.slots, run.schedule.n_kept)) * tri_size(c.K) * sizeof(double));
+        EXPECT_TRUE(same_bits(all.P, few.P) && same_bits(all.m, few.m));
+        EXPECT_TRUE(same_bits(all.m, all.m_apart));  // the fused sums
+    }
 }

@@ -4,7 +4,10 @@
 // terminated". The genotype rows run on a plain and on a gzip file.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -26,7 +29,7 @@ void expect_failures(std::vector<BadInput> const& rows) {
     for (BadInput const& row : rows) {
         TempDir dir;
         copy_small_data(dir);
-        for (auto const& [name, text] : row.files) (row.plain ? write_file : write_input_file)(dir.file(name), text);
+        for (auto const& [name, text] : row.files) write_file(dir.file(name), text, !row.plain && text_ends_with(name, ".gz"));
         std::vector<std::string> args = small_data_args();
         args.insert(args.end(), row.flags.begin(), row.flags.end());
         RunResult const r = run_ketra(args, dir.path().string());
@@ -37,6 +40,25 @@ void expect_failures(std::vector<BadInput> const& rows) {
 }
 
 std::string const legend = "id position a0 a1\n";
+
+// Node values as text (or the error), for comparing two parses.
+std::string parse_outcome(std::string const& text, int leaves, bool leaf_sets) {
+    tree_nodes tree;
+    try {
+        parse_tree(text, tree, leaves, leaf_sets);
+    } catch (BadTreeDataException const& e) {
+        return e.what();
+    }
+    std::string out;
+    char buffer[160];
+    for (auto const& [id, node] : tree) {
+        std::snprintf(buffer, sizeof buffer, "%d:%d,%d %a %a %a;", id, node.child_a, node.child_b, node.time,
+                      node.parent_time, node.branch_length);
+        out += buffer;
+        if (!leaf_sets && (!node.leaves_below.empty() || !node.leaves_outside.empty())) out += "leaf sets!";
+    }
+    return out;
+}
 
 }  // namespace
 
@@ -110,7 +132,8 @@ TEST(Readers, SamplesAndStrand) {
 }
 
 // The tree text of one position: every way it can be malformed, and the
-// message naming the position with six significant digits.
+// message naming the position with six significant digits. The run parses
+// without leaf sets; the full parse must give the same nodes or error.
 TEST(Readers, TreeText) {
     std::string const prefix = "Bad tree data encountered at ";
     auto at = [&](std::string const& m) { return prefix + "1500 " + m; };
@@ -121,9 +144,9 @@ TEST(Readers, TreeText) {
     struct Row {
         std::string text;
         int leaves;
-        std::string message;
+        std::string message;  // "" for a tree of 2 leaves - 1 nodes
     };
-    std::vector<Row> const rows = {
+    std::vector<Row> rows = {
         {"1500 0;4;1 2,3 4,5 6;", 4, ""},
         {"  1500\t0; 4;\t1   2, 3 4,  5 6;  trailing ; garbage ,\r", 4, ""},
         {"5 0;1;", 1, ""},
@@ -144,17 +167,23 @@ TEST(Readers, TreeText) {
         {"1500 0;2;1 2,1 2;", 2, mrca},  // re-merging merged-away nodes leaves a second lineage
         {"1234567 0;3;1 2;", 3, prefix + "1.23457e+06 error with one of the trees: does not reach the mrca."},
     };
+    // A random tree of 40 leaves, its nodes numbered from 1 as the file has them.
+    std::mt19937_64 rng(3);
+    hmm_kernel::BranchLayout const t = ketra_test::random_layout(40, rng);
+    std::string random = "12345 0;40;";
+    for (int v = 40; v < t.n_nodes(); ++v)
+        random += std::to_string(t.child_a[v] + 1) + " " + std::to_string(t.child_b[v] + 1) + (v + 1 < t.n_nodes() ? "," : ";");
+    rows.push_back({random, 40, ""});
     for (Row const& row : rows) {
-        tree_nodes tree;
-        std::string message;
-        try {
-            parse_tree(row.text, tree, row.leaves);
-        } catch (BadTreeDataException const& e) {
-            message = e.what();
-        }
-        EXPECT_EQ(message, row.message) << row.text;
-        if (row.message.empty()) {
-            EXPECT_EQ(tree.size(), 2u * row.leaves - 1) << row.text;
-        }
+        std::string const lean = parse_outcome(row.text, row.leaves, false);
+        EXPECT_EQ(parse_outcome(row.text, row.leaves, true), lean) << row.text;
+        if (row.message.empty()) EXPECT_EQ(std::count(lean.begin(), lean.end(), ';'), 2 * row.leaves - 1) << row.text;
+        else EXPECT_EQ(lean, row.message) << row.text;
     }
+    // Reused and unknown nodes at later stages: the same error from both parses.
+    for (int leaves : {3, 4})
+        for (char const* text : {"1500 0;4;1 2,3 4,5 6,7 7;", "1500 0;4;1 2,1 3,5 6;", "1500 0;4;1 2,1 3,6 4;",
+                                 "1500 0;4;1 2,3 5,4 6;", "1500 0;4;1 2,3 4,5 5;", "1500 0;3;1 2,4 3,5 1;",
+                                 "1500 0;3;1 2,3 4,1 2;", "1500 0;3;2 1,4 3;x", "1500 0;5;1 2,3 6,4 5,7 8;"})
+            EXPECT_EQ(parse_outcome(text, leaves, false), parse_outcome(text, leaves, true)) << text << " " << leaves;
 }

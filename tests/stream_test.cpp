@@ -6,10 +6,7 @@
 #include <algorithm>
 #include <ctime>
 #include <functional>
-#include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <boost/filesystem/operations.hpp>
 
@@ -19,35 +16,22 @@
 #include "support/test_support.h"
 
 namespace fs = boost::filesystem;
-using ketra_test::read_file;
-using ketra_test::run_ketra;
-using ketra_test::TempDir;
+using namespace ketra_test;
 
 namespace {
 
 std::vector<std::string> args(std::string const& output, std::vector<std::string> const& more) {
-    std::vector<std::string> a = ketra_test::small_data_args(output);
+    std::vector<std::string> a = small_data_args(output);
     a.insert(a.end(), {"-tavlo_input", "-print_matrix"});
     a.insert(a.end(), more.begin(), more.end());
     return a;
-}
-
-// Files of a folder by name, skipping the .aux files and the partial results.
-std::map<std::string, std::string> result_files(fs::path const& folder) {
-    std::map<std::string, std::string> files;
-    for (auto const& entry : fs::directory_iterator(folder)) {
-        std::string const name = entry.path().filename().string();
-        if (name.find(".aux") != std::string::npos || name.find(".chunk") != std::string::npos) continue;
-        files[name] = read_file(entry.path().string());
-    }
-    return files;
 }
 
 }  // namespace
 
 TEST(SplitRun, MergedChunksEqualTheSingleRun) {
     TempDir dir;
-    ketra_test::copy_small_data(dir);
+    copy_small_data(dir);
     struct split_case {
         std::string output;  // a .gz name gives a gzip matrix file
         int chunks;
@@ -56,6 +40,12 @@ TEST(SplitRun, MergedChunksEqualTheSingleRun) {
     };
     split_case const cases[] = {{"run", 1, "1", "1", false}, {"run", 2, "2", "1", true},
                                 {"run.gz", 3, "1", "3", true}, {"run", 5, "2", "2", false}};  // 5 > N
+    auto const results = [&](std::string const& folder) {  // without the partial results
+        auto files = collect_output_files(dir.path() / folder);
+        for (auto it = files.begin(); it != files.end();)
+            it = it->first.find(".chunk") == std::string::npos ? std::next(it) : files.erase(it);
+        return files;
+    };
     for (auto const& c : cases) {
         std::string const n = std::to_string(c.chunks), single = "single" + n, split = "split" + n;
         SCOPED_TRACE(c.output + " n=" + n);
@@ -66,94 +56,86 @@ TEST(SplitRun, MergedChunksEqualTheSingleRun) {
             more.insert(more.end(), {"-chunk", std::to_string(i), n, "-threads", c.chunk_threads});
             auto const r = run_ketra(args(split + "/" + c.output, more), dir.path().string());
             ASSERT_EQ(r.status, 0) << r.out;
-            EXPECT_TRUE(result_files(dir.path() / split).empty());  // chunks write only their own files
         }
+        EXPECT_TRUE(results(split).empty());  // the chunks write only their own files
         auto more = gz;
         more.insert(more.end(), {"-merge", n, "-threads", c.merge_threads});
         auto const merged = run_ketra(args(split + "/" + c.output, more), dir.path().string());
         ASSERT_EQ(merged.status, 0) << merged.out;
         EXPECT_NE(merged.out.find("Merging the partial results of " + n + " chunk runs ... done"), std::string::npos);
-        auto const expected = result_files(dir.path() / single);
-        auto const got = result_files(dir.path() / split);
-        ASSERT_EQ(expected.size(), 11u);  // matrix file, 5 pardo and 5 .full_matrix files
+        // Matrix file, .aux file (which names the flags), 5 pardo and 5 .full_matrix files.
+        auto const expected = results(single);
+        auto got = results(split);
+        ASSERT_EQ(expected.size(), 12u);
         ASSERT_EQ(got.size(), expected.size());
         for (auto const& [name, text] : expected) {
-            bool const packed = c.pardo_gz && ketra_test::text_ends_with(name, ".pardo");
-            EXPECT_TRUE(packed ? !got.count(name) && ketra_test::read_gz_file(dir.file(split + "/" + name + ".gz")) == text
-                               : got.count(name) && got.at(name) == text)
-                << name;
+            if (name.find(".aux") != std::string::npos) continue;
+            bool const packed = c.pardo_gz && text_ends_with(name, ".pardo");
+            EXPECT_EQ(got[packed ? name + ".gz.unzipped" : name], text) << name;
         }
-        for (auto const& entry : fs::directory_iterator(dir.path() / single))  // the work folder is gone
-            EXPECT_EQ(entry.path().filename().string().find(".work"), std::string::npos);
+        for (auto const& folder : {single, split})  // the work folder is gone
+            for (auto const& entry : fs::directory_iterator(dir.path() / folder))
+                EXPECT_EQ(entry.path().filename().string().find(".work"), std::string::npos);
     }
 }
 
 TEST(SplitRun, BadChunksEndWithStatusOne) {
     TempDir dir;
-    ketra_test::copy_small_data(dir);
-    auto const chunk = [&](int i, int n) {
-        return run_ketra(args("s/run", {"-chunk", std::to_string(i), std::to_string(n)}), dir.path().string());
-    };
-    auto const merge = [&](int n) { return run_ketra(args("s/run", {"-merge", std::to_string(n)}), dir.path().string()); };
-    auto const expect_stop = [](ketra_test::RunResult const& r, std::string const& cause) {
+    copy_small_data(dir);
+    auto const run = [&](std::vector<std::string> const& more) { return run_ketra(args("s/run", more), dir.path().string()); };
+    auto const chunk = [&](int i, int n) { return run({"-chunk", std::to_string(i), std::to_string(n)}); };
+    auto const expect_stop = [](RunResult const& r, std::string const& cause) {
         EXPECT_EQ(r.status, 1);
         EXPECT_NE(r.out.find(cause), std::string::npos) << r.out.substr(r.out.size() > 400 ? r.out.size() - 400 : 0);
         EXPECT_NE(r.out.find("Program terminated\n"), std::string::npos);
     };
-
     for (auto const& bad : std::vector<std::pair<int, int>>{{0, 2}, {3, 2}, {1, 0}})
         expect_stop(chunk(bad.first, bad.second), "the chunk must be between 1 and");
-    expect_stop(run_ketra(args("s/run", {"-chunk", "1", "2", "-merge", "2"}), dir.path().string()),
-                "cannot be given together");
-    expect_stop(merge(0), "the number of chunks must be at least 1");
+    expect_stop(run({"-chunk", "1", "2", "-merge", "2"}), "cannot be given together");
+    expect_stop(run({"-merge", "0"}), "the number of chunks must be at least 1");
 
     ASSERT_EQ(chunk(1, 2).status, 0);
-    std::string const part2 = dir.file("s/run.chunk2of2.part");
-    expect_stop(merge(2), "s/run.chunk2of2.part: partial results of chunk 2 of 2 are missing");
+    std::string const part2 = dir.file("s/run.chunk2of2.part"), data0 = part2 + ".0";
+    expect_stop(run({"-merge", "2"}), "s/run.chunk2of2.part: partial results of chunk 2 of 2 are missing");
     ASSERT_EQ(chunk(2, 2).status, 0);
-    std::string const index = read_file(part2);
-    ASSERT_EQ(merge(2).status, 0);
-
+    std::string const index = read_file(part2), data = read_file(data0);
+    std::time_t const genotypes_time = fs::last_write_time(dir.file("study.gen"));
+    auto const with = [](std::string text, std::size_t at, std::size_t n, std::string const& by) {
+        return text.replace(at, n, by);
+    };
     struct broken_case {
-        std::string what;
         std::function<void()> damage;
         std::string cause;
     };
-    std::string const data0 = part2 + ".0";
-    std::string const data = read_file(data0);
-    std::time_t const genotypes_time = fs::last_write_time(dir.file("study.gen"));
     broken_case const cases[] = {
-        {"no complete mark", [&] { ketra_test::write_file(part2, index.substr(0, index.rfind("complete"))); },
+        {[&] { write_file(part2, index.substr(0, index.rfind("complete"))); },
          "partial results are incomplete (run it again with -chunk 2 2)"},
-        {"record file cut short", [&] { ketra_test::write_file(data0, data.substr(0, data.size() - 8)); },
-         "run.chunk2of2.part.0: partial results are incomplete"},
-        {"input file changed since", [&] { fs::last_write_time(dir.file("study.gen"), genotypes_time + 60); },
+        {[&] { write_file(data0, data.substr(0, data.size() - 8)); }, "run.chunk2of2.part.0: partial results are incomplete"},
+        {[&] { fs::last_write_time(dir.file("study.gen"), genotypes_time + 60); },
          "partial results made by another command line or from other input files"},
-        {"chunk of another split", [&] { fs::copy_file(dir.file("s/run.chunk1of2.part"), part2, fs::copy_option::overwrite_if_exists); },
+        {[&] { fs::copy_file(dir.file("s/run.chunk1of2.part"), part2, fs::copy_option::overwrite_if_exists); },
          "partial results belong to chunk 1 of 2, not 2 of 2"},
-        {"bit flipped in a record", [&] { std::string d = data; d[d.size() / 2] ^= 4; ketra_test::write_file(data0, d); },
+        {[&] { write_file(data0, with(data, data.size() / 2, 1, std::string(1, data[data.size() / 2] ^ 4))); },
          "run.chunk2of2.part.0: partial results are damaged (run it again with -chunk 2 2)"},
-        {"listing damaged", [&] { std::string i = index; i.replace(i.find("files 1"), 7, "files 2"); ketra_test::write_file(part2, i); },
+        {[&] { write_file(part2, with(index, index.find("files 1"), 7, "files 2")); },
          "run.chunk2of2.part: partial results are damaged (run it again with -chunk 2 2)"},
     };
     for (auto const& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.cause);
         c.damage();
-        expect_stop(merge(2), c.cause);
-        ketra_test::write_file(part2, index);
-        ketra_test::write_file(data0, data);
+        expect_stop(run({"-merge", "2"}), c.cause);
+        write_file(part2, index);
+        write_file(data0, data);
         fs::last_write_time(dir.file("study.gen"), genotypes_time);
-        ASSERT_EQ(merge(2).status, 0);
+        ASSERT_EQ(run({"-merge", "2"}).status, 0);
     }
-    // The same chunks do not make a split into three.
-    expect_stop(merge(3), "run.chunk1of3.part: partial results of chunk 1 of 3 are missing");
-    // Other options than -threads change the fingerprint.
-    expect_stop(run_ketra(args("s/run", {"-merge", "2", "-Ne", "10000"}), dir.path().string()),
-                "partial results made by another command line");
+    // The same chunks do not make a split into three; other options than -threads change the fingerprint.
+    expect_stop(run({"-merge", "3"}), "run.chunk1of3.part: partial results of chunk 1 of 3 are missing");
+    expect_stop(run({"-merge", "2", "-Ne", "10000"}), "partial results made by another command line");
 }
 
 TEST(SplitRun, ChunksCoverTheIndividualsInNearEqualSlices) {
-    for (int N : {0, 1, 3, 10, 4000}) {
+    for (int N : {0, 1, 3, 10, 4000})
         for (int n : {1, 2, 3, 7, 12}) {
             int next = 0, smallest = N, largest = 0;
             for (int i = 1; i <= n; ++i) {
@@ -166,7 +148,6 @@ TEST(SplitRun, ChunksCoverTheIndividualsInNearEqualSlices) {
             EXPECT_EQ(next, N);
             EXPECT_LE(largest - smallest, 1) << N << " " << n;
         }
-    }
 }
 
 TEST(MemoryCheck, WarnsOrStopsOnlyWhenTheRunDoesNotFit) {

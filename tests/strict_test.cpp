@@ -37,15 +37,14 @@ TEST(Strict, EveryFailureIsNonZeroWhileTheDefaultRunKeepsItsOutcome) {
     write_file(dir.file("repeated_row.map"), map.substr(0, map.find('\n') + 1) + "900 2.0 0.000\n" +
                                                  map.substr(map.find('\n') + 1));
     for (char const* f : {"ref.hap", "ref.legend", "map.txt", "study.sample"})
-        write_gz_file(dir.file(std::string("z_") + f), read_file(dir.file(f)));
-    write_gz_file(dir.file("z_ids.txt"), "rs1\n");
+        write_file(dir.file(std::string("z_") + f), read_file(dir.file(f)), true);
+    write_file(dir.file("z_ids.txt"), "rs1\n", true);
     // Result files that cannot be opened: a folder, not empty (a run removes
     // old .full_matrix files), stands under their names.
     for (char const* blocked : {"auxdir/run.aux", "gzdir/run.gz", "pardodir/run.1250.pardo", "fulldir/run.1250.full_matrix"})
         fs::create_directories(dir.path() / blocked / "kept");
     write_file(dir.file("blocker"), "a file where the output folder should go\n");
-    std::string trees = read_file(dir.file("trees.txt"));
-    write_file(dir.file("bad_trees.txt"), trees.replace(trees.find("1250 0;4;2 4,1 3,"), 17, "1250 0;4;2 4,1 9,"));
+    write_file(dir.file("bad_trees.txt"), "1000 0;4;1 2,3 4,5 6;\n1250 0;4;2 4,1 9,5 6;\n");
 
     std::string const gz = ": file is gzip-compressed, but this input is read as plain text";
     std::string const ne_unset = "Error: Ne needs to be set\n", bad_ne = "must lie between 0 and 30000";
@@ -118,12 +117,8 @@ TEST(Strict, ValidRunsGiveTheDefaultRunsConsoleAndFiles) {
         ASSERT_EQ(lenient.status, 0);
         EXPECT_EQ(strict.status, 0);
         // The echoed command line (on the console and in the .aux file) is the one difference.
-        EXPECT_EQ(without_command_line(mask_timing(strict.out)), without_command_line(mask_timing(lenient.out)));
-        auto const lenient_files = collect_output_files(dir.path() / "lenient");
-        auto strict_files = collect_output_files(dir.path() / "out");
-        ASSERT_EQ(strict_files.size(), lenient_files.size());
-        for (auto const& file : lenient_files)
-            EXPECT_EQ(without_command_line(strict_files[file.first]), without_command_line(file.second)) << file.first;
+        EXPECT_EQ(without_command_line(mask_run_text(strict.out)), without_command_line(mask_run_text(lenient.out)));
+        EXPECT_EQ(collect_output_files(dir.path() / "out", true), collect_output_files(dir.path() / "lenient", true));
         // Files made under a temporary name get the usual permissions.
         EXPECT_EQ(fs::status(dir.file("out/run.aux")).permissions(), fs::status(dir.file("lenient/run.aux")).permissions());
     }
