@@ -11,8 +11,6 @@ using namespace ketra_test;
 
 namespace {
 
-std::string const small_dir = source_dir() + "/tests/data/small/";
-
 // Text read through open_text_input line by line; error gets the message it ended with.
 std::string read_all(std::string const& path, std::string& error) {
     auto in = open_text_input(path);
@@ -34,7 +32,7 @@ std::string gz_bytes(TempDir const& dir, std::string const& content) {
 
 TEST(DamagedInput, ReaderStreamReportsDamageAndReadsWholeFilesToTheEnd) {
     TempDir dir;
-    std::string const gen = read_file(small_dir + "study.gen");
+    std::string const gen = read_file(source_dir() + "/tests/data/small/study.gen");
     std::string big;
     for (int i = 0; i < 2000; ++i) big += gen;  // enough data that a cut lands inside the deflate stream
     std::string const gz = gz_bytes(dir, big);
@@ -71,34 +69,4 @@ TEST(DamagedInput, ReaderStreamReportsDamageAndReadsWholeFilesToTheEnd) {
             EXPECT_LT(text.size(), big.size());
         }
     }
-}
-
-TEST(DamagedInput, RunEndsWithTheReadersErrorAndItsStatus) {
-    TempDir dir;
-    copy_small_data(dir);
-    std::string const gen = read_file(small_dir + "study.gen"), trees = read_file(small_dir + "trees.txt");
-    std::string const gen_gz = gz_bytes(dir, gen), trees_gz = gz_bytes(dir, trees);
-    write_file(dir.file("cut.gen.gz"), gen_gz.substr(0, gen_gz.size() - 12));
-    write_file(dir.file("plain.gen.gz"), gen);
-    write_file(dir.file("plain_trees.gz"), trees);
-    write_file(dir.file("cut_trees.gz"), trees_gz.substr(0, trees_gz.size() / 2));
-    // Genotype errors keep the data stage's status 0 by default; the tree map's is 1.
-    struct Case { std::string gen, trees, tail; int status; };
-    std::vector<Case> const cases = {
-        {"cut.gen.gz", "trees.txt", "Error reading file cut.gen.gz: compressed data are truncated", 0},
-        {"plain.gen.gz", "trees.txt", "Error reading file plain.gen.gz: not in gzip format.", 0},
-        {"study.gen", "plain_trees.gz", "Error reading file plain_trees.gz: not in gzip format.", 1},
-        {"study.gen", "cut_trees.gz", "Error reading file cut_trees.gz: compressed data are truncated", 1},
-    };
-    for (auto const& c : cases)
-        for (bool strict : {false, true}) {
-            SCOPED_TRACE(c.gen + " " + c.trees + (strict ? " -strict" : ""));
-            auto args = small_data_args();
-            args[7] = c.gen, args[9] = c.trees;
-            if (strict) args.push_back("-strict");
-            auto const r = run_ketra(args, dir.path().string());
-            EXPECT_EQ(r.status, strict ? 1 : c.status);
-            ASSERT_NE(r.out.find(c.tail), std::string::npos) << r.out;
-            EXPECT_TRUE(text_ends_with(r.out, "\nProgram terminated\n") && r.err.empty()) << r.out << r.err;
-        }
 }

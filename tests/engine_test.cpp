@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "hmm/hmm.h"
 #include "hmm/kernel.h"
 #include "support/test_support.h"
 
@@ -21,55 +20,6 @@ using Mat = std::vector<Vec>;
 using hmm_kernel::tri_offset;
 using hmm_kernel::tri_size;
 using ketra_test::same_bits;
-
-struct Shape {
-    int K, L, N;
-    double theta;
-    // Runs of SNPs where every haplotype carries allele 0 and every individual
-    // two copies of allele 1: the totals underflow and both passes rescale.
-    bool mismatch_runs;
-};
-
-HMM make_hmm(Shape const& shape, unsigned seed) {
-    std::mt19937_64 rng(seed);
-    std::uniform_real_distribution<double> u(0.0, 1.0);
-    HMM h;
-    h.n_haplotypes = shape.K;
-    h.n_individuals = shape.N;
-    double const e = 0.5 * shape.theta / (shape.theta + shape.K), s = 1.0 - e;
-    h.mutation_matrix = {{s * s, 2 * s * e, e * e, 1.0}, {s * e, s * s + e * e, s * e, 1.0}, {e * e, 2 * s * e, s * s, 1.0}};
-    double pos = 1000.0, gen = 0.0, prev_pos = 0.0, prev_gen = 0.0;
-    for (int l = 0; l < shape.L; ++l) {
-        snp x;
-        bool const run = shape.mismatch_runs && (l % 7) >= 2;
-        for (int k = 0; k < shape.K; ++k) x.haplotype_alleles.push_back(run ? 0 : (u(rng) < 0.4 ? 1 : 0));
-        for (int n = 0; n < shape.N; ++n) x.genotypes.push_back(run ? 2 : static_cast<int>(u(rng) * 4));
-        if (l > 0) {
-            double const jump = (1.0 - std::exp(-(gen - prev_gen) / shape.K)) / shape.K;
-            x.switch_rates = {1.0 - (shape.K - 1) * jump, jump};
-            x.rate_per_base = (gen - prev_gen) / (pos - prev_pos);
-        }
-        h.snps[pos] = x;
-        prev_pos = pos;
-        prev_gen = gen;
-        pos += 10.0 + std::floor(u(rng) * 500.0);
-        gen += 2.0 * u(rng);
-    }
-    return h;
-}
-
-// Positions at the first and last SNP, at inner SNPs, and between SNPs, several sharing flanks.
-std::vector<hmm_kernel::Flank> test_flanks(HMM const& h) {
-    std::vector<double> at, out;
-    for (auto const& e : h.snps) at.push_back(e.first);
-    out = {at.front(), at.back(), at.back() - 1.0};
-    for (std::size_t s = 0; s + 1 < at.size(); ++s) {
-        out.push_back(at[s] + 0.25 * (at[s + 1] - at[s]));
-        if (s % 2 == 0) out.push_back(at[s] + 0.75 * (at[s + 1] - at[s]));
-        if (s % 3 == 1) out.push_back(at[s]);
-    }
-    return find_position_flanks(h, out);
-}
 
 // Pair transition T((i,j) -> (k,l)) = t(i->k) t(j->l) over ordered pairs x = i K + j,
 // with t(i->k) = (stay - jump) [i = k] + jump. The term where both copies jump
@@ -103,19 +53,14 @@ struct Brute {
     int forward_rescales = 0, backward_rescales = 0;  // where the engine's totals fall below its limit
 };
 
-Brute brute_force(HMM const& h, int n) {
-    int const K = h.n_haplotypes;
-    std::vector<snp const*> v;
-    for (auto const& e : h.snps) v.push_back(&e.second);
-    int const L = static_cast<int>(v.size());
-    auto E = [&](int s, int x) {
-        return h.mutation_matrix[v[s]->haplotype_alleles[x / K] + v[s]->haplotype_alleles[x % K]][v[s]->genotypes[n]];
-    };
+Brute brute_force(hmm_kernel::Panel const& p, int n) {
+    int const K = p.K, L = p.L;
+    auto E = [&](int s, int x) { return p.emission[p.genotypes_of(n)[s]][int(p.h(s)[x / K] + p.h(s)[x % K])]; };
     Brute b{Mat(L, Vec(K * K)), Mat(L, Vec(K * K, 1.0))};
     double scale = 1.0, w = 1.0;
     for (int s = 0; s < L; ++s) {
         if (s == 0) b.alpha[0] = Vec(K * K, 1.0 / (K * K));
-        else b.alpha[s] = apply(pair_transition(K, v[s]->switch_rates[0], v[s]->switch_rates[1], w), b.alpha[s - 1], true);
+        else b.alpha[s] = apply(pair_transition(K, p.stay[s], p.jump[s], w), b.alpha[s - 1], true);
         for (int x = 0; x < K * K; ++x) b.alpha[s][x] *= E(s, x);
         scale *= normalise(b.alpha[s]);
         w = 1.0;
@@ -126,7 +71,7 @@ Brute brute_force(HMM const& h, int n) {
         Vec weighted = b.beta[s + 1];
         for (int x = 0; x < K * K; ++x) weighted[x] *= E(s + 1, x);
         if ((scale *= normalise(weighted)) < hmm_kernel::underflow_limit) ++b.backward_rescales, scale = 1.0;
-        b.beta[s] = apply(pair_transition(K, v[s + 1]->switch_rates[0], v[s + 1]->switch_rates[1]), weighted, false);
+        b.beta[s] = apply(pair_transition(K, p.stay[s + 1], p.jump[s + 1]), weighted, false);
     }
     return b;
 }
@@ -149,42 +94,15 @@ Vec brute_posterior(int K, Brute const& b, hmm_kernel::Flank const& f) {
 double P_at(const double* P, int x, int y) { return x >= y ? P[tri_offset(x) + y] : P[tri_offset(y) + x]; }
 
 // Every individual's posterior at every flank.
-Mat engine_posteriors(HMM const& h, std::vector<hmm_kernel::Flank> const& flanks) {
-    hmm_kernel::Panel const panel = make_panel(h);
-    hmm_kernel::Schedule const schedule(panel.L, flanks);
-    Mat out(panel.N * flanks.size());
+Mat engine_posteriors(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule) {
+    std::size_t const P = schedule.flanks.size();
+    Mat out(panel.N * P);
     hmm_kernel::Workspace ws;
     for (int n = 0; n < panel.N; ++n) {
-        auto sink = [&](int p, const double* x) { out[n * flanks.size() + p].assign(x, x + tri_size(panel.K)); };
+        auto sink = [&](int p, const double* x) { out[n * P + p].assign(x, x + tri_size(panel.K)); };
         ws.run(panel, schedule, panel.genotypes_of(n), sink);
     }
     return out;
-}
-
-// Plays a plan through as the backward pass uses it (kept indices descending)
-// and reports the first fault.
-std::string replay(hmm_kernel::CheckpointPlan const& plan, int n_kept, long& steps) {
-    std::vector<int> holder(plan.slots, -1);  // kept index in each slot
-    std::vector<bool> stored(n_kept, false);
-    std::size_t done = 0;
-    steps = 0;
-    for (int k = n_kept - 1; k >= 0; --k) {
-        for (; static_cast<int>(done) < plan.sweeps_before[k]; ++done) {
-            auto const& sw = plan.sweeps[done];
-            if (sw.from >= 0 && holder[plan.slot_of[sw.from]] != sw.from) return "sweep from a lost array";
-            steps += sw.to - sw.from;
-            for (int x : sw.store) {
-                int const slot = plan.slot_of[x];
-                if (slot < 0 || slot >= plan.slots) return "slot out of range";
-                if (holder[slot] >= 0 && holder[slot] <= k) return "live array overwritten";
-                if (stored[x]) return "stored twice";
-                holder[slot] = x;
-                stored[x] = true;
-            }
-        }
-        if (!stored[k] || holder[plan.slot_of[k]] != k) return "array missing when used";
-    }
-    return done == plan.sweeps.size() ? "" : "sweeps left over";
 }
 
 // Every individual's posteriors and haplotype sums (also summed apart from
@@ -214,17 +132,21 @@ BudgetRun run_with(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& s
 }  // namespace
 
 TEST(Engine, MatchesBruteForceOverShapes) {
+    struct Shape {
+        int K, L, N;
+        double scale;  // of the emissions; tiny ones make the totals underflow, and both passes rescale
+    };
     std::vector<Shape> const shapes = {
-        {1, 5, 3, 0.3, false},      {2, 5, 3, 0.5, false},  {3, 6, 4, 0.8, false},   {4, 5, 3, 1.1, false},
-        {5, 24, 2, 1e-28, true},    {9, 31, 3, 1e-60, true}, {12, 16, 5, 0.4, false}, {17, 22, 2, 1e-28, true},
+        {1, 5, 3, 1.0},   {2, 5, 3, 0.5},   {3, 6, 4, 1.0},   {4, 5, 3, 0.2},
+        {5, 24, 2, 1e-28}, {9, 31, 3, 1e-60}, {12, 16, 5, 1.0}, {17, 22, 2, 1e-28},
     };
     std::mt19937_64 rng(7);
     for (Shape const& shape : shapes) {
         int const K = shape.K;
         SCOPED_TRACE("K=" + std::to_string(K) + " L=" + std::to_string(shape.L));
-        HMM const h = make_hmm(shape, 100 * K + shape.L);
-        auto const flanks = test_flanks(h);
-        Mat const got = engine_posteriors(h, flanks);
+        ketra_test::RunData const run = ketra_test::make_run(K, shape.L, shape.N, shape.scale, false, rng);
+        auto const& flanks = run.schedule.flanks;
+        Mat const got = engine_posteriors(run.panel, run.schedule);
         // A random tree and the leaves below each node, found from the merges alone.
         hmm_kernel::BranchLayout const layout = ketra_test::random_layout(K, rng);
         int const nodes = layout.n_nodes();
@@ -234,7 +156,7 @@ TEST(Engine, MatchesBruteForceOverShapes) {
                 below[v][k] = v < K ? k == v : below[layout.child_a[v]][k] || below[layout.child_b[v]][k];
         int rescales[2] = {0, 0};
         for (int n = 0; n < shape.N; ++n) {
-            Brute const b = brute_force(h, n);
+            Brute const b = brute_force(run.panel, n);
             rescales[0] += b.forward_rescales;
             rescales[1] += b.backward_rescales;
             for (std::size_t p = 0; p < flanks.size(); ++p) {
@@ -258,7 +180,7 @@ TEST(Engine, MatchesBruteForceOverShapes) {
                 }
             }
         }
-        if (shape.mismatch_runs) {
+        if (shape.scale < 1e-20) {
             EXPECT_TRUE(rescales[0] > 0 && rescales[1] > 0) << "no rescaling exercised";
         }
     }
@@ -284,39 +206,40 @@ TEST(Engine, PositionsOnAFlankSnpAndMalformedInput) {
     EXPECT_THROW(hmm_kernel::BranchLayout(2, {-1, 0}, {-1, -1}), std::invalid_argument);
 }
 
-TEST(Checkpoints, PlansKeepEveryArrayUntilItsUse) {
-    for (int n_kept = 1; n_kept <= 60; ++n_kept)
+// Budgets for 1 to 12 kept arrays and for all, over runs that keep from a few
+// to dozens of forward arrays: every plan must give the same bits.
+TEST(Checkpoints, TinyBudgetsRecomputeAndGiveTheSameBits) {
+    std::mt19937_64 rng(17);
+    for (int L : {4, 12, 30, 60, 90}) {
+        ketra_test::RunData const run = ketra_test::make_run(3 + L % 7, L, 2, 1e-30, false, rng);
+        int const K = run.panel.K, n_kept = run.schedule.n_kept;
+        std::size_t const per_array = (tri_size(K) + K) * sizeof(double), all_budget = hmm_kernel::default_kept_budget;
+        BudgetRun const all = run_with(run.panel, run.schedule, all_budget);
+        EXPECT_TRUE(same_bits(all.m, all.m_apart));  // the fused sums
         for (int slots = 1; slots <= 12; ++slots) {
-            SCOPED_TRACE("kept " + std::to_string(n_kept) + ", slots " + std::to_string(slots));
-            hmm_kernel::CheckpointPlan const plan = hmm_kernel::plan_checkpoints(n_kept, slots);
-            long steps = 0;
-            ASSERT_EQ(replay(plan, n_kept, steps), "");
-            ASSERT_LE(plan.slots, slots);
-            EXPECT_TRUE(n_kept > slots || plan.sweeps.size() == 1u);
-            // Two levels suffice while n_kept fits (slots+1)(slots+2)/2: about
-            // two forward sweeps, never the quadratic fallback.
-            EXPECT_TRUE(n_kept + 1 > (slots + 1) * (slots + 2) / 2 || steps <= 2L * n_kept);
+            SCOPED_TRACE("K " + std::to_string(K) + " kept " + std::to_string(n_kept) + " slots " + std::to_string(slots));
+            std::size_t const budget = slots * per_array + per_array / 2;
+            ASSERT_EQ(hmm_kernel::Workspace::kept_slots(K, budget), slots);
+            BudgetRun const few = run_with(run.panel, run.schedule, budget);
+            EXPECT_TRUE(same_bits(all.P, few.P) && same_bits(all.m, few.m));
+            bool const recomputes = slots < n_kept;
+            EXPECT_EQ(few.forward_steps > all.forward_steps, recomputes);
+            std::size_t const small = hmm_kernel::Workspace::bytes(K, run.schedule, budget);
+            EXPECT_EQ(small < hmm_kernel::Workspace::bytes(K, run.schedule, all_budget), recomputes);
+            EXPECT_GE(small, (5 + std::min(slots, n_kept)) * tri_size(K) * sizeof(double));
         }
+    }
 }
 
-TEST(Checkpoints, TinyBudgetsRecomputeAndGiveTheSameBits) {
-    struct Case {
-        int K, L, N, slots;  // kept arrays the budget allows
-    };
-    std::mt19937_64 rng(17);
-    for (Case const c : {Case{5, 40, 2, 1}, Case{7, 60, 2, 4}, Case{12, 50, 2, 3}, Case{3, 30, 3, 7}, Case{9, 45, 1, 1000}}) {
-        SCOPED_TRACE("K " + std::to_string(c.K) + " L " + std::to_string(c.L) + " slots " + std::to_string(c.slots));
-        ketra_test::RunData const run = ketra_test::make_run(c.K, c.L, c.N, 1e-30, false, rng);
-        std::size_t const per_array = (tri_size(c.K) + c.K) * sizeof(double);
-        std::size_t const budget = c.slots * per_array + per_array / 2, all_budget = hmm_kernel::default_kept_budget;
-        ASSERT_EQ(hmm_kernel::Workspace::kept_slots(c.K, budget), c.slots);
-        BudgetRun const all = run_with(run.panel, run.schedule, all_budget), few = run_with(run.panel, run.schedule, budget);
-        bool const recomputes = c.slots < run.schedule.n_kept;
-        EXPECT_EQ(few.forward_steps > all.forward_steps, recomputes);
-        std::size_t const small = hmm_kernel::Workspace::bytes(c.K, run.schedule, budget);
-        EXPECT_EQ(small < hmm_kernel::Workspace::bytes(c.K, run.schedule, all_budget), recomputes);
-        EXPECT_GE(small, (5 + std::min(c.slots, run.schedule.n_kept)) * tri_size(c.K) * sizeof(double));
-        EXPECT_TRUE(same_bits(all.P, few.P) && same_bits(all.m, few.m));
-        EXPECT_TRUE(same_bits(all.m, all.m_apart));  // the fused sums
-    }
+TEST(Checkpoints, PlansSweepTwiceWhileTwoLevelsSuffice) {
+    for (int n_kept = 1; n_kept <= 60; ++n_kept)
+        for (int slots = 1; slots <= 12; ++slots) {
+            hmm_kernel::CheckpointPlan const plan = hmm_kernel::plan_checkpoints(n_kept, slots);
+            long steps = 0;
+            for (auto const& sweep : plan.sweeps) steps += sweep.to - sweep.from;
+            EXPECT_LE(plan.slots, slots);
+            // One sweep when all fit; about two while n_kept fits (slots+1)(slots+2)/2, never the quadratic fallback.
+            EXPECT_TRUE(n_kept > slots || plan.sweeps.size() == 1u) << n_kept << " " << slots;
+            EXPECT_TRUE(n_kept + 1 > (slots + 1) * (slots + 2) / 2 || steps <= 2L * n_kept) << n_kept << " " << slots;
+        }
 }
