@@ -118,7 +118,8 @@ TEST(Strict, ValidRunsGiveTheDefaultRunsConsoleAndFiles) {
         EXPECT_EQ(strict.status, 0);
         // The echoed command line (on the console and in the .aux file) is the one difference.
         EXPECT_EQ(without_command_line(mask_run_text(strict.out)), without_command_line(mask_run_text(lenient.out)));
-        EXPECT_EQ(collect_output_files(dir.path() / "out", true), collect_output_files(dir.path() / "lenient", true));
+        EXPECT_EQ(without_command_line(collect_output_files(dir.path() / "out")),
+                  without_command_line(collect_output_files(dir.path() / "lenient")));
         // Files made under a temporary name get the usual permissions.
         EXPECT_EQ(fs::status(dir.file("out/run.aux")).permissions(), fs::status(dir.file("lenient/run.aux")).permissions());
     }
@@ -128,16 +129,15 @@ TEST(Strict, ValidRunsGiveTheDefaultRunsConsoleAndFiles) {
 TEST(Strict, KilledRunsLeaveNoPartFileUnderAFinalName) {
     TempDir dir;
     copy_example_data(dir);
-    std::string const command = " " + std::string(KETRA_BINARY) +
-                                " -h ref.hap -l ref.legend -m map.txt -g study.gen.gz -tree_file trees.txt -buffer 15"
-                                " -int 1350000 1395000 -tavlo_input -print_matrix -strict ";
+    std::string const cd = "cd " + dir.path().string() + " && ", command = " " + std::string(KETRA_BINARY) +
+        " -h ref.hap -l ref.legend -m map.txt -g study.gen.gz -tree_file trees.txt -buffer 15"
+        " -int 1350000 1395000 -tavlo_input -print_matrix -strict ";
     std::mt19937 rng(12345);
     int partial_runs = 0;
     for (std::string const extra : {"-snp_info -pardo_gz -o killed/run.gz", "-chunk 1 2 -o killed/run"}) {
         SCOPED_TRACE(extra);
         // The reference, under the same command line (partial results and the .aux file hold it).
         for (char const* folder : {"killed", "whole"}) fs::remove_all(dir.path() / folder);
-        std::string const cd = "cd " + dir.path().string() + " && ";
         auto const start = std::chrono::steady_clock::now();
         ASSERT_EQ(std::system((cd + command + extra + " >/dev/null").c_str()), 0);
         std::chrono::duration<double> const took = std::chrono::steady_clock::now() - start;
@@ -162,30 +162,6 @@ TEST(Strict, KilledRunsLeaveNoPartFileUnderAFinalName) {
         }
     }
     EXPECT_GT(partial_runs, 0) << "no run was stopped before its end";
-}
-
-// Out of memory: the runtime's termination by default, one line under -strict.
-TEST(Strict, OutOfMemoryIsOneClearLine) {
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "address space limits and AddressSanitizer's shadow memory do not mix";
-#endif
-    TempDir dir;
-    copy_small_data(dir);
-    // K = 6000: one pair array alone is 6000 * 6001 / 2 doubles, 144 MB.
-    std::string hap;
-    for (int i = 0; i < 7 * 6000; ++i) hap += i % 6000 == 5999 ? "1\n" : i % 3 ? "0 " : "1 ";
-    write_file(dir.file("ref.hap"), hap);
-    std::string command = "cd " + dir.path().string() + " && ulimit -v 120000 && " + KETRA_BINARY;
-    for (auto const& a : small_data_args()) command += " " + a;
-    for (std::string const strict : {"", " -strict"}) {
-        int const raw = std::system((command + strict + " >out.txt 2>err.txt").c_str());
-        std::string const out = read_file(dir.file("out.txt")), err = read_file(dir.file("err.txt"));
-        EXPECT_EQ(out.find("Ketra complete!"), std::string::npos) << out;
-        EXPECT_EQ(err.find("std::bad_alloc") != std::string::npos, strict.empty()) << err;
-        EXPECT_EQ(raw != 0 && WIFEXITED(raw) && WEXITSTATUS(raw) == 1, !strict.empty()) << raw;
-        EXPECT_EQ(out.find("\nError while ") != std::string::npos &&
-                  text_ends_with(out, ": out of memory\nProgram terminated\n"), !strict.empty()) << out;
-    }
 }
 
 // Each output file of a run in turn on a full device (/dev/full, by default

@@ -125,7 +125,7 @@ std::string mask_run_text(std::string text) {
     return std::regex_replace(without_binary_path(std::move(text)), timing, "Ketra took X seconds");
 }
 
-std::map<std::string, std::string> collect_output_files(fs::path const& folder, bool strip_command_lines) {
+std::map<std::string, std::string> collect_output_files(fs::path const& folder) {
     std::map<std::string, std::string> files;
     if (!fs::is_directory(folder)) return files;
     for (fs::recursive_directory_iterator it(folder), end; it != end; ++it) {
@@ -134,8 +134,6 @@ std::map<std::string, std::string> collect_output_files(fs::path const& folder, 
         if (it->path().extension() == ".gz") files[name + ".unzipped"] = inflate_whole(it->path().string());
         else files[name] = without_binary_path(read_file(it->path().string()));
     }
-    if (strip_command_lines)
-        for (auto& file : files) file.second = without_command_line(file.second);
     return files;
 }
 
@@ -146,6 +144,11 @@ std::string without_command_line(std::string text) {
         text.erase(at + label.size(), end == std::string::npos ? std::string::npos : end + 1 - at - label.size());
     }
     return text;
+}
+
+std::map<std::string, std::string> without_command_line(std::map<std::string, std::string> files) {
+    for (auto& file : files) file.second = without_command_line(file.second);
+    return files;
 }
 
 std::string source_dir() { return KETRA_SOURCE_DIR; }

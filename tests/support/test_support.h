@@ -52,13 +52,12 @@ RunResult run_ketra(std::vector<std::string> const& args, std::string const& cwd
 std::string mask_run_text(std::string text);
 
 // Every file under folder by relative path; .gz files (which must be one whole
-// gzip stream) as "<name>.unzipped" text. With strip_command_lines, each
-// without_command_line.
-std::map<std::string, std::string> collect_output_files(boost::filesystem::path const& folder,
-                                                        bool strip_command_lines = false);
+// gzip stream) as "<name>.unzipped" text.
+std::map<std::string, std::string> collect_output_files(boost::filesystem::path const& folder);
 // Removes the echoed command line, the one text that differs between runs
-// that differ only in options such as -threads.
+// that differ only in options such as -threads; from a text or every file.
 std::string without_command_line(std::string text);
+std::map<std::string, std::string> without_command_line(std::map<std::string, std::string> files);
 
 std::string source_dir();
 
