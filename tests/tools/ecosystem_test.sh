@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# End-to-end checks of ketra-prep, ketra-plot, -version, the BGEN route and the
-# README walk-through, on the committed VCF form of the chr20 example.
+# End-to-end checks of ketra-prep, ketra-plot, -version, the hard-call and BGEN
+# routes and the README walk-through, on the committed VCF form of the chr20 example.
 # Usage: ecosystem_test.sh CASE   (KETRA, KETRA_SOURCE_DIR, KETRA_VERSION and
 # KETRA_BUILD_DIR come from ctest's environment)
 set -euo pipefail
@@ -53,7 +53,7 @@ EOF
 }
 
 case $1 in
-report)
+report_and_run)
     prep -study "$vcf/study.vcf.gz" -o p > default.txt || fail "ketra-prep"
     expect_report default.txt <<'EOF'
 reference sites read|317
@@ -76,46 +76,40 @@ EOF
     # The panel and map are the example's own; the genotype lines match the
     # example's at every position and probability (swapped records reordered).
     cmp p.legend "$ex/ref.legend" && cmp p.hap "$ex/ref.hap" && cmp p.map "$ex/map.txt" || fail "panel or map"
+    # The same map from its other layouts, plain or compressed.
+    zcat "$vcf/chr20.gmap.gz" > gmap.txt
+    gzip -c "$ex/map.txt" > map.txt.gz
+    for m in gmap.txt "$ex/map.txt" map.txt.gz; do
+        vcf_prep -map "$m" -o m
+        cmp m.map "$ex/map.txt" || fail "map from $m"
+    done
     cmp <(zcat p.gen.gz | cut -d' ' -f2,3,6-) <(zcat "$ex/study.gen.gz" | cut -d' ' -f2,3,6-) || fail "genotypes"
     cmp p.sample "$ex/study.sample" || fail "sample file"
     [ "$(cut -d' ' -f2 p.strand | sort -u)" = "-" ] && [ "$(wc -l < p.strand)" -eq 5 ] || fail "strand file"
     prep -study "$vcf/study.vcf.gz" -o q -drop_ambiguous -plain > dropped.txt || fail "ketra-prep -drop_ambiguous"
     expect_report dropped.txt <<< $'A/T or C/G SNPs \\(dropped\\)|54\nstudy SNPs written|244'
     [ "$(wc -l < q.gen)" -eq 244 ] || fail "plain genotype file"
-    ;;
-run_equals_hand)
-    vcf_prep -o p
+    # A run on the prepared files gives the example run's results.
     run_prepared p prep
     run_ketra hand "${example_panel[@]}" -g "$ex/study.gen.gz"
     same_results prep hand
     ;;
-gt_equals_bcftools)
-    vcf_prep -o p -gt
-    run_prepared p prep
-    # By hand: biallelic SNPs without the two mismatched records, bcftools'
-    # own conversion, and a strand file naming the complemented records.
+gt_routes)
+    # Hard calls (-gt) from the VCF, by hand with bcftools' own conversion (biallelic
+    # SNPs without the two mismatched records, a strand file naming the complemented
+    # records) and from BGEN files made by plink2: the same results.
+    vcf_prep -gt -o v
+    run_prepared v vrun
     bcftools view -m2 -M2 -v snps -t ^20:1339724,20:1369430 "$vcf/study.vcf.gz" -Ou |
         bcftools convert --tag GT -g hand --vcf-ids > /dev/null 2>&1
     printf '%s -\n' 1336113 1354760 1371792 1380843 1398821 > hand.strand
     run_ketra hand "${example_panel[@]}" -g hand.gen.gz -strand hand.strand
-    same_results prep hand
-    ;;
-map_layouts)
-    zcat "$vcf/chr20.gmap.gz" > gmap.txt
-    gzip -c "$ex/map.txt" > map.txt.gz
-    for m in "$vcf/chr20.gmap.gz" gmap.txt "$ex/map.txt" map.txt.gz; do
-        vcf_prep -map "$m" -o p
-        cmp p.map "$ex/map.txt" || fail "map from $m"
-    done
-    ;;
-bgen)
+    same_results vrun hand
     bcftools view -m2 -M2 -v snps "$vcf/study.vcf.gz" -Oz -o bi.vcf.gz
     plink2 --vcf bi.vcf.gz --export bgen-1.2 ref-first --out calls > /dev/null || fail "plink2 hard calls"
     plink2 --vcf bi.vcf.gz dosage=GP --export bgen-1.2 ref-first bits=16 --out probs > /dev/null || fail "plink2 GP"
-    vcf_prep -gt -o v
     prep -bgen calls.bgen -bgen_sample calls.sample -o b > b.txt || fail "ketra-prep BGEN"
     grep -q "SNPs not in the reference panel dropped: 1" b.txt || fail "BGEN report"
-    run_prepared v vrun
     run_prepared b brun
     same_results brun vrun
     # Probabilities: plink2 keeps each triple's expected allele dosage.
