@@ -132,10 +132,8 @@ BudgetRun run_with(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& s
 }  // namespace
 
 TEST(Engine, MatchesBruteForceOverShapes) {
-    struct Shape {
-        int K, L, N;
-        double scale;  // of the emissions; tiny ones make the totals underflow, and both passes rescale
-    };
+    // The emissions' scale: tiny ones make the totals underflow, and both passes rescale.
+    struct Shape { int K, L, N; double scale; };
     std::vector<Shape> const shapes = {
         {1, 5, 3, 1.0},   {2, 5, 3, 0.5},   {3, 6, 4, 1.0},   {4, 5, 3, 0.2},
         {5, 24, 2, 1e-28}, {9, 31, 3, 1e-60}, {12, 16, 5, 1.0}, {17, 22, 2, 1e-28},
@@ -186,8 +184,8 @@ TEST(Engine, MatchesBruteForceOverShapes) {
     }
 }
 
-TEST(Engine, PositionsOnAFlankSnpAndMalformedInput) {
-    // A position with either distance 0 is taken as lying on its flank SNP: no carrying.
+// A position with either distance 0 is taken as lying on its flank SNP: no carrying.
+TEST(Engine, PositionsOnAFlankSnpAreNotCarried) {
     Vec const F = {0.1, 0.2, 0.3, 0.05, 0.15, 0.2}, B = {0.3, 0.1, 0.2, 0.4, 0.25, 0.05};
     auto at = [&](double dl, double dr) {
         Vec P(6), scratch(6);
@@ -197,13 +195,6 @@ TEST(Engine, PositionsOnAFlankSnpAndMalformedInput) {
     EXPECT_EQ(at(50.0, 0.0), at(0.0, 0.0));
     EXPECT_EQ(at(0.0, 50.0), at(0.0, 0.0));
     EXPECT_NE(at(50.0, 50.0), at(0.0, 0.0));
-    Vec const pos = {100.0, 200.0, 350.0}, rate = {0.0, 0.5, 0.25};
-    EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {99.0}), std::out_of_range);
-    EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {350.5}), std::out_of_range);
-    // Tables that are not trees: a self-merge, a child with a later id, a leaf with children.
-    EXPECT_THROW(hmm_kernel::BranchLayout(3, {-1, -1, -1, 0}, {-1, -1, -1, 0}), std::invalid_argument);
-    EXPECT_THROW(hmm_kernel::BranchLayout(3, {-1, -1, -1, 4}, {-1, -1, -1, 1}), std::invalid_argument);
-    EXPECT_THROW(hmm_kernel::BranchLayout(2, {-1, 0}, {-1, -1}), std::invalid_argument);
 }
 
 // Budgets for 1 to 12 kept arrays and for all, over runs that keep from a few

@@ -56,12 +56,7 @@ void set_up(RecordCheck& s, int K, int L, int N, double scale, bool trees, bool 
 }
 
 TEST(GpuRecords, DeviceArithmeticAssemblesTheCpuRecords) {
-    struct Case {
-        int K, L;
-        double scale;
-        bool trees, pairs;
-        int team;
-    };
+    struct Case { int K, L; double scale; bool trees, pairs; int team; };
     Case const cases[] = {{1, 6, 1.0, true, true, 1},      {2, 1, 1.0, true, false, 3},  {5, 40, 1e-12, true, true, 3},
                           {9, 25, 1.0, false, true, 1},    {11, 60, 1e-30, true, false, 3}, {16, 12, 1e-3, true, true, 3},
                           {17, 30, 1e-45, true, true, 3}, {37, 10, 1e-90, true, true, 3},  {3, 8, 1e-120, true, true, 3}};
@@ -79,7 +74,6 @@ TEST(GpuRecords, DeviceArithmeticAssemblesTheCpuRecords) {
             hmm_gpu::HostIndividual device(plan);
             ketra_test::on_team(c.team, [&](auto const& team) {
                 gpu_arith::run_individual(team, bound, s.run.panel.genotypes_of(n), device.buffers, device.output());
-                return 0.0;
             });
             ASSERT_EQ(device.status, gpu_arith::status_ok);
             hmm_gpu::IndividualResult const result{n, device.view.m, device.view.branches, device.view.pair_posteriors};
@@ -105,11 +99,7 @@ TEST(GpuEngine, WithoutADeviceGpuRunsStopWithTheCause) {
 TEST(GpuEngine, BatchesGiveTheCpuRecords) {
     std::string const why = hmm_gpu::unavailable_reason();
     if (!why.empty()) GTEST_SKIP() << why;
-    struct Case {
-        int K, L, N;
-        double scale;
-        bool force_global, pairs;
-    };
+    struct Case { int K, L, N; double scale; bool force_global, pairs; };
     Case const cases[] = {
         {1, 5, 3, 1.0, false, true},      {13, 50, 40, 1e-30, true, true},   {37, 80, 700, 1.0, false, false},
         {200, 120, 300, 1e-20, false, false}, {200, 40, 20, 1.0, true, true},

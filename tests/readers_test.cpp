@@ -62,11 +62,7 @@ std::string parse_outcome(std::string const& text, int leaves, bool leaf_sets) {
 
 }  // namespace
 
-TEST(Readers, GeneticMap) {
-    expect_failures({{{}, "absent.map", "can't open file.", {"-m", "absent.map"}}});
-}
-
-TEST(Readers, ReferencePanel) {
+TEST(Readers, ReferencePanelAndMap) {
     std::string const none = "No SNPs in the interval in haplotype file!";
     std::string const bad = "bad format detected in haplotype file on line ";
     auto panel = [](std::string const& rows, std::string const& haplotypes) {
@@ -86,6 +82,7 @@ TEST(Readers, ReferencePanel) {
         {panel("rs1 1000 A G\n", "0 99999999999999999999\n"), "ref.hap", bad + "1."},
         {{}, "absent.hap", "can't open haplotype file.", {"-h", "absent.hap"}},
         {{}, "absent.legend", "can't open legend file.", {"-l", "absent.legend"}},
+        {{}, "absent.map", "can't open file.", {"-m", "absent.map"}},
     });
 }
 
@@ -141,11 +138,7 @@ TEST(Readers, TreeText) {
     std::string const count = at("tree does not have the required number of leaves.");
     std::string const topology = at("error with tree topology, can't find branch in read_tree.");
     std::string const leaf = at("leaf not found."), mrca = at("error with one of the trees: does not reach the mrca.");
-    struct Row {
-        std::string text;
-        int leaves;
-        std::string message;  // "" for a tree of 2 leaves - 1 nodes
-    };
+    struct Row { std::string text; int leaves; std::string message; };  // "" for a tree of 2 leaves - 1 nodes
     std::vector<Row> rows = {
         {"1500 0;4;1 2,3 4,5 6;", 4, ""},
         {"  1500\t0; 4;\t1   2, 3 4,  5 6;  trailing ; garbage ,\r", 4, ""},

@@ -162,12 +162,8 @@ TEST(WriteErrors, RunReportsTheFileAndReasonWithoutDoneAndNonZeroStatus) {
 TEST(SplitRun, MergedChunksEqualTheSingleRun) {
     TempDir dir;
     copy_small_data(dir);
-    struct split_case {
-        std::string output;  // a .gz name gives a gzip matrix file
-        int chunks;
-        std::string chunk_threads, merge_threads;
-        bool pardo_gz;
-    };
+    // A .gz output name gives a gzip matrix file.
+    struct split_case { std::string output; int chunks; std::string chunk_threads, merge_threads; bool pardo_gz; };
     split_case const cases[] = {{"run", 1, "1", "1", false}, {"run", 2, "2", "1", true},
                                 {"run.gz", 3, "1", "3", true}, {"run", 5, "2", "2", false}};  // 5 > N
     auto const results = [&](std::string const& folder) {  // without the partial results
@@ -234,10 +230,7 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
     auto const with = [](std::string text, std::size_t at, std::size_t n, std::string const& by) {
         return text.replace(at, n, by);
     };
-    struct broken_case {
-        std::function<void()> damage;
-        std::string cause;
-    };
+    struct broken_case { std::function<void()> damage; std::string cause; };
     broken_case const cases[] = {
         {[&] { write_file(part2, index.substr(0, index.rfind("complete"))); },
          "partial results are incomplete (run it again with -chunk 2 2)"},
@@ -266,13 +259,8 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
 }
 
 TEST(MemoryCheck, WarnsOrStopsOnlyWhenTheRunDoesNotFit) {
-    struct memory_case {
-        double needed, available;
-        int threads;
-        bool strict;
-        std::string printed;  // empty: nothing printed
-        bool stops;
-    };
+    // What is printed ("" for nothing), and whether the check stops the run.
+    struct memory_case { double needed, available; int threads; bool strict; std::string printed; bool stops; };
     memory_case const cases[] = {
         {100e6, 200e6, 4, true, "", false},
         {100e6, -1, 4, true, "", false},  // nothing known about the machine

@@ -34,13 +34,6 @@ same_results() {
     for f in "$1"/run "$1"/run.*.pardo; do cmp "$f" "$2/${f#"$1"/}" || fail "$f differs from $2"; done
 }
 
-# Every "label|count" line of standard input appears as "label: count" in report $1.
-expect_report() {
-    while IFS='|' read -r label count; do
-        grep -qxE " *${label}: ${count}" "$1" || fail "report lacks '$label: $count'"
-    done
-}
-
 png_check() {  # file: 1000 x 600 with more than one colour inside the axes
     /usr/bin/python3 - "$1" <<'EOF' || fail "bad image $1"
 import sys
@@ -55,24 +48,8 @@ EOF
 case $1 in
 report_and_run)
     prep -study "$vcf/study.vcf.gz" -o p > default.txt || fail "ketra-prep"
-    expect_report default.txt <<'EOF'
-reference sites read|317
-multi-allelic sites dropped|1
-non-SNP sites dropped|2
-reference SNPs kept|314
-reference haplotypes|100
-study records read|303
-non-SNP sites dropped|1
-SNPs not in the reference panel dropped|1
-same alleles, same order \(kept\)|236
-same alleles, swapped \(kept, probabilities reordered\)|3
-complementary alleles \(kept, strand file entry\)|5
-other alleles \(dropped\)|2
-A/T or C/G SNPs \(kept as the same strand\)|54
-study SNPs written|298
-study individuals|50
-map rows written|183
-EOF
+    # The whole report, the VCF folder left out of the file names.
+    sed "s#$vcf/##" default.txt | cmp - "$src/tests/data/prep/report.txt" || fail "report differs"
     # The panel and map are the example's own; the genotype lines match the
     # example's at every position and probability (swapped records reordered).
     cmp p.legend "$ex/ref.legend" && cmp p.hap "$ex/ref.hap" && cmp p.map "$ex/map.txt" || fail "panel or map"
@@ -87,7 +64,7 @@ EOF
     cmp p.sample "$ex/study.sample" || fail "sample file"
     [ "$(cut -d' ' -f2 p.strand | sort -u)" = "-" ] && [ "$(wc -l < p.strand)" -eq 5 ] || fail "strand file"
     prep -study "$vcf/study.vcf.gz" -o q -drop_ambiguous -plain > dropped.txt || fail "ketra-prep -drop_ambiguous"
-    expect_report dropped.txt <<< $'A/T or C/G SNPs \\(dropped\\)|54\nstudy SNPs written|244'
+    grep -qx " *A/T or C/G SNPs (dropped): 54" dropped.txt || fail "report of -drop_ambiguous"
     [ "$(wc -l < q.gen)" -eq 244 ] || fail "plain genotype file"
     # A run on the prepared files gives the example run's results.
     run_prepared p prep
