@@ -93,6 +93,9 @@ std::vector<Case> const cases = {
      {{"map.txt", "position COMBINED_rate(cM/Mb) Genetic_Map(cM)\n900 2.0 0.000\n1300 3.0 0.001\n1500 1.0 0.0019\n"}},
      "interval_ends"},
     {"theta_zero", {"-theta", "0"}, {}, "theta_zero"},
+    // A second run starts each selected position's .full_matrix afresh and
+    // leaves the file of a skipped position alone.
+    {"rerun", {"-print_matrix"}, {{"out/run.999.full_matrix", "kept\n"}, {"out/run.1000.full_matrix", "x\n"}}, "rerun"},
     // A value that begins with "-" is no flag.
     {"negative_lower_bound", {"-int", "-1", "2000", "-Ne", "0", "-tavlo_input", "-pardo_gz"}, {}, ""},
     {"help", {"-g", "x", "-help", "-o"}, {}, "help", 0, "", true},
@@ -186,15 +189,6 @@ TEST(E2e, SmallDataSetCases) {
                                                  : std::vector<std::string>{"-threads", "3", "-strict"});
         EXPECT_EQ(without_command_line(again.files), without_command_line(r.files)) << "-threads 3, -strict";
     }
-}
-
-// A second run starts each selected position's .full_matrix afresh and
-// leaves the file of a skipped position alone.
-TEST(E2e, RerunReplacesFullMatrixFiles) {
-    auto const again = run_case(
-        Case{"", {"-print_matrix"}, {{"out/run.999.full_matrix", "kept\n"}, {"out/run.1000.full_matrix", "x\n"}}, ""});
-    EXPECT_EQ(again.files.at("run.999.full_matrix"), "kept\n");
-    EXPECT_EQ(again.files.at("run.1000.full_matrix").substr(0, 2), "0.");
 }
 
 // The bundled example (K = 100, N = 50, 28 positions): one thread, and two

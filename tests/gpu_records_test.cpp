@@ -141,10 +141,9 @@ std::map<std::string, std::string> run_example(std::vector<std::vector<std::stri
     }
     auto files = ketra_test::without_command_line(ketra_test::collect_output_files(dir.path() / "out"));
     for (auto it = files.begin(); it != files.end();)
-        if (split && (it->first.find(".chunk") != std::string::npos || it->first.find(".aux") != std::string::npos))
-            it = files.erase(it);
-        else
-            ++it;
+        it = split && (it->first.find(".chunk") != std::string::npos || it->first.find(".aux") != std::string::npos)
+                 ? files.erase(it)
+                 : std::next(it);
     return files;
 }
 

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -139,7 +138,7 @@ TEST(Readers, TreeText) {
     std::string const topology = at("error with tree topology, can't find branch in read_tree.");
     std::string const leaf = at("leaf not found."), mrca = at("error with one of the trees: does not reach the mrca.");
     struct Row { std::string text; int leaves; std::string message; };  // "" for a tree of 2 leaves - 1 nodes
-    std::vector<Row> rows = {
+    std::vector<Row> const rows = {
         {"1500 0;4;1 2,3 4,5 6;", 4, ""},
         {"  1500\t0; 4;\t1   2, 3 4,  5 6;  trailing ; garbage ,\r", 4, ""},
         {"5 0;1;", 1, ""},
@@ -160,13 +159,6 @@ TEST(Readers, TreeText) {
         {"1500 0;2;1 2,1 2;", 2, mrca},  // re-merging merged-away nodes leaves a second lineage
         {"1234567 0;3;1 2;", 3, prefix + "1.23457e+06 error with one of the trees: does not reach the mrca."},
     };
-    // A random tree of 40 leaves, its nodes numbered from 1 as the file has them.
-    std::mt19937_64 rng(3);
-    hmm_kernel::BranchLayout const t = ketra_test::random_layout(40, rng);
-    std::string random = "12345 0;40;";
-    for (int v = 40; v < t.n_nodes(); ++v)
-        random += std::to_string(t.child_a[v] + 1) + " " + std::to_string(t.child_b[v] + 1) + (v + 1 < t.n_nodes() ? "," : ";");
-    rows.push_back({random, 40, ""});
     for (Row const& row : rows) {
         std::string const lean = parse_outcome(row.text, row.leaves, false);
         EXPECT_EQ(parse_outcome(row.text, row.leaves, true), lean) << row.text;

@@ -3,8 +3,7 @@
 // outcome (a valid run is the same either way: see the end-to-end cases), and
 // failed writes are reported in every run. Chunk runs merged with -merge give
 // the single run's files byte for byte; broken, missing or foreign partial
-// results end with status 1. The memory check warns or stops only when a run
-// does not fit.
+// results end with status 1.
 #include <gtest/gtest.h>
 
 #include <sys/mount.h>
@@ -16,8 +15,6 @@
 
 #include <boost/filesystem/operations.hpp>
 
-#include "hmm/memory_check.h"
-#include "hmm/run_error.h"
 #include "support/test_support.h"
 
 using namespace ketra_test;
@@ -256,35 +253,4 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
     // The same chunks do not make a split into three; other options than -threads change the fingerprint.
     expect_stop(run("-merge 3"), "run.chunk1of3.part: partial results of chunk 1 of 3 are missing");
     expect_stop(run("-merge 2 -Ne 10000"), "partial results made by another command line");
-}
-
-TEST(MemoryCheck, WarnsOrStopsOnlyWhenTheRunDoesNotFit) {
-    // What is printed ("" for nothing), and whether the check stops the run.
-    struct memory_case { double needed, available; int threads; bool strict; std::string printed; bool stops; };
-    memory_case const cases[] = {
-        {100e6, 200e6, 4, true, "", false},
-        {100e6, -1, 4, true, "", false},  // nothing known about the machine
-        {300e6, 200e6, 4, false, "needs about 300 MB of memory, but only 200 MB is available. Use fewer threads (-threads 2)", false},
-        {300e6, 200e6, 1, false, "Use fewer threads, or split the individuals over several runs with -chunk", false},
-        {300e6, 200e6, 2, true, "", true},
-    };
-    for (auto const& c : cases) {
-        std::ostringstream console;
-        bool stopped = false;
-        try {
-            check_memory(c.needed, c.available, c.threads, c.strict, console);
-        } catch (run_error const& e) {
-            stopped = true;
-            EXPECT_NE(e.what().find("-chunk <i> <n>"), std::string::npos);
-        }
-        EXPECT_EQ(stopped, c.stops) << c.needed << " " << c.available;
-        if (c.printed.empty()) EXPECT_EQ(console.str(), "");
-        else EXPECT_NE(console.str().find(c.printed), std::string::npos) << console.str();
-    }
-    // Each thread adds its kept forward arrays.
-    run_size one;
-    one.K = 200, one.L = 2000, one.N = 500, one.positions = 201, one.kept_forward_arrays = 201;
-    run_size two = one;
-    two.threads = 2;
-    EXPECT_GT(estimate_peak_memory(two), estimate_peak_memory(one) + 201 * 20100 * 8.0);
 }

@@ -101,19 +101,6 @@ assert worst < 1e-4, worst
 assert sum(x not in (0.0, 1.0) for row in a for x in row) > 100, "no soft calls"
 EOF
     ;;
-plot)
-    run_ketra one "${example_panel[@]}" -g "$ex/study.gen.gz"
-    gzip -c one/run > one.gz
-    "$src/tools/ketra-plot" one.gz -o heat.png > /dev/null || fail "one matrix"
-    png_check heat.png
-    # Files that do not fit together are refused with a message, not a trace.
-    head -n 5 one/run > short
-    for bad in "one/run short" "missing-file" "$ex/ref.legend"; do
-        # shellcheck disable=SC2086
-        if out=$("$src/tools/ketra-plot" $bad -o bad.png); then fail "ketra-plot accepted $bad"; fi
-        [[ $out == ketra-plot:* ]] || fail "no message for $bad: $out"
-    done
-    ;;
 errors)
     bcftools annotate -x FORMAT/GP "$vcf/study.vcf.gz" -Oz -o nogp.vcf.gz
     while IFS='|' read -r args message; do
@@ -151,6 +138,16 @@ walkthrough)
         [ "$(ls "$w/$group"/run.*.pardo | wc -l)" -eq 28 ] || fail "$group pardo files"
     done
     png_check "$w/cases-vs-controls.png"
+    # One compressed matrix; files that do not fit together are refused with a message, not a trace.
+    gzip -c "$w/cases/run" > one.gz
+    "$src/tools/ketra-plot" one.gz -o heat.png > /dev/null || fail "one matrix"
+    png_check heat.png
+    head -n 5 "$w/cases/run" > short
+    for bad in "$w/cases/run short" "missing-file" "$ex/ref.legend"; do
+        # shellcheck disable=SC2086
+        if out=$("$src/tools/ketra-plot" $bad -o bad.png); then fail "ketra-plot accepted $bad"; fi
+        [[ $out == ketra-plot:* ]] || fail "no message for $bad: $out"
+    done
     ;;
 *)
     fail "unknown case $1"
