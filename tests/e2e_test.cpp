@@ -95,7 +95,8 @@ std::vector<Case> const cases = {
     {"theta_zero", {"-theta", "0"}, {}, "theta_zero"},
     // A second run starts each selected position's .full_matrix afresh and
     // leaves the file of a skipped position alone.
-    {"rerun", {"-print_matrix"}, {{"out/run.999.full_matrix", "kept\n"}, {"out/run.1000.full_matrix", "x\n"}}, "rerun"},
+    {"rerun", {"-print_matrix"}, {{"out/run.999.full_matrix", "kept\n"}, {"out/run.1000.full_matrix", "x\n"}},
+     "rerun"},
     // A value that begins with "-" is no flag.
     {"negative_lower_bound", {"-int", "-1", "2000", "-Ne", "0", "-tavlo_input", "-pardo_gz"}, {}, ""},
     {"help", {"-g", "x", "-help", "-o"}, {}, "help", 0, "", true},
@@ -133,10 +134,7 @@ std::vector<Case> const cases = {
 
 // The run's status and standard error, and every file written with the
 // standard output as "stdout.txt".
-struct Outcome {
-    RunResult result;
-    std::map<std::string, std::string> files;
-};
+struct Outcome { RunResult result; std::map<std::string, std::string> files; };
 
 Outcome run_case(Case const& c, std::vector<std::string> const& more = {}) {
     TempDir dir;
@@ -163,7 +161,8 @@ void check_golden(fs::path const& folder, std::map<std::string, std::string> con
     }
     ASSERT_TRUE(fs::is_directory(folder)) << folder << " missing; run with KETRA_UPDATE_GOLDEN=1";
     auto const expected = collect_output_files(folder);
-    for (auto const& [name, text] : expected) EXPECT_EQ(actual.count(name) ? actual.at(name) : "<not written>", text) << name;
+    for (auto const& [name, text] : expected)
+        EXPECT_EQ(actual.count(name) ? actual.at(name) : "<not written>", text) << name;
     for (auto const& f : actual) EXPECT_TRUE(expected.count(f.first)) << "unexpected file " << f.first;
 }
 

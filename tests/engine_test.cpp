@@ -93,35 +93,21 @@ Vec brute_posterior(int K, Brute const& b, hmm_kernel::Flank const& f) {
 
 double P_at(const double* P, int x, int y) { return x >= y ? P[tri_offset(x) + y] : P[tri_offset(y) + x]; }
 
-// Every individual's posterior at every flank.
-Mat engine_posteriors(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule) {
-    std::size_t const P = schedule.flanks.size();
-    Mat out(panel.N * P);
-    hmm_kernel::Workspace ws;
-    for (int n = 0; n < panel.N; ++n) {
-        auto sink = [&](int p, const double* x) { out[n * P + p].assign(x, x + tri_size(panel.K)); };
-        ws.run(panel, schedule, panel.genotypes_of(n), sink);
-    }
-    return out;
-}
+// Every individual's posteriors and haplotype sums (also summed apart from the
+// fused pass) at every position, in the schedule's order, and the forward steps taken.
+struct BudgetRun { Vec P, m, m_apart; long forward_steps = 0; };
 
-// Every individual's posteriors and haplotype sums (also summed apart from
-// the fused pass), and the forward steps taken.
-struct BudgetRun {
-    Vec P, m, m_apart;
-    long forward_steps = 0;
-};
-
-BudgetRun run_with(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule, std::size_t budget) {
+BudgetRun run_with(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule,
+                   std::size_t budget = hmm_kernel::default_kept_budget) {
     hmm_kernel::Workspace ws(budget);
-    BudgetRun r;
-    Vec m_apart(panel.K);
+    std::size_t const K = panel.K, T = tri_size(panel.K), positions = schedule.flanks.size() * panel.N;
+    BudgetRun r{Vec(positions * T), Vec(positions * K), Vec(positions * K)};
     for (int i = 0; i < panel.N; ++i) {
-        auto sink = [&](int, const double* x, const double* m) {
-            r.P.insert(r.P.end(), x, x + tri_size(panel.K));
-            r.m.insert(r.m.end(), m, m + panel.K);
-            hmm_kernel::haplotype_probabilities(panel.K, x, m_apart.data());
-            r.m_apart.insert(r.m_apart.end(), m_apart.begin(), m_apart.end());
+        auto sink = [&](int p, const double* x, const double* m) {
+            std::size_t const at = i * schedule.flanks.size() + p;
+            std::copy(x, x + T, r.P.begin() + at * T);
+            std::copy(m, m + K, r.m.begin() + at * K);
+            hmm_kernel::haplotype_probabilities(panel.K, x, r.m_apart.data() + at * K);
         };
         ws.run(panel, schedule, panel.genotypes_of(i), sink);
         r.forward_steps += ws.forward_steps();
@@ -144,7 +130,7 @@ TEST(Engine, MatchesBruteForceOverShapes) {
         SCOPED_TRACE("K=" + std::to_string(K) + " L=" + std::to_string(shape.L));
         ketra_test::RunData const run = ketra_test::make_run(K, shape.L, shape.N, shape.scale, false, rng);
         auto const& flanks = run.schedule.flanks;
-        Mat const got = engine_posteriors(run.panel, run.schedule);
+        Vec const got = run_with(run.panel, run.schedule).P;
         // A random tree and the leaves below each node, found from the merges alone.
         hmm_kernel::BranchLayout const layout = ketra_test::random_layout(K, rng);
         int const nodes = layout.n_nodes();
@@ -159,7 +145,7 @@ TEST(Engine, MatchesBruteForceOverShapes) {
             rescales[1] += b.backward_rescales;
             for (std::size_t p = 0; p < flanks.size(); ++p) {
                 Vec const expected = brute_posterior(K, b, flanks[p]);
-                const double* P = got[n * flanks.size() + p].data();
+                const double* P = got.data() + (n * flanks.size() + p) * tri_size(K);
                 for (int x = 0; x < K * K; ++x)
                     ASSERT_NEAR(P_at(P, x / K, x % K), expected[x], 1e-9 * expected[x] + 1e-300) << "flank " << p;
                 // Copy probabilities and per-branch sums: both copies below a node, or exactly one.
@@ -204,11 +190,12 @@ TEST(Checkpoints, TinyBudgetsRecomputeAndGiveTheSameBits) {
     for (int L : {4, 12, 30, 60, 90}) {
         ketra_test::RunData const run = ketra_test::make_run(3 + L % 7, L, 2, 1e-30, false, rng);
         int const K = run.panel.K, n_kept = run.schedule.n_kept;
-        std::size_t const per_array = (tri_size(K) + K) * sizeof(double), all_budget = hmm_kernel::default_kept_budget;
-        BudgetRun const all = run_with(run.panel, run.schedule, all_budget);
+        std::size_t const per_array = (tri_size(K) + K) * sizeof(double);
+        BudgetRun const all = run_with(run.panel, run.schedule);
         EXPECT_TRUE(same_bits(all.m, all.m_apart));  // the fused sums
         for (int slots = 1; slots <= 12; ++slots) {
-            SCOPED_TRACE("K " + std::to_string(K) + " kept " + std::to_string(n_kept) + " slots " + std::to_string(slots));
+            SCOPED_TRACE("K " + std::to_string(K) + ", kept " + std::to_string(n_kept) + ", slots " +
+                         std::to_string(slots));
             std::size_t const budget = slots * per_array + per_array / 2;
             ASSERT_EQ(hmm_kernel::Workspace::kept_slots(K, budget), slots);
             BudgetRun const few = run_with(run.panel, run.schedule, budget);
@@ -216,7 +203,7 @@ TEST(Checkpoints, TinyBudgetsRecomputeAndGiveTheSameBits) {
             bool const recomputes = slots < n_kept;
             EXPECT_EQ(few.forward_steps > all.forward_steps, recomputes);
             std::size_t const small = hmm_kernel::Workspace::bytes(K, run.schedule, budget);
-            EXPECT_EQ(small < hmm_kernel::Workspace::bytes(K, run.schedule, all_budget), recomputes);
+            EXPECT_EQ(small < hmm_kernel::Workspace::bytes(K, run.schedule), recomputes);
             EXPECT_GE(small, (5 + std::min(slots, n_kept)) * tri_size(K) * sizeof(double));
         }
     }

@@ -97,7 +97,8 @@ TEST(PardoGzip, ManyBlocksPerFileDecompressToThePlainRun) {
     for (auto const& entry : fs::directory_iterator(dir.path() / "plain")) {
         if (entry.path().extension() != ".pardo") continue;
         ++pardo_files;
-        std::string const text = entry.path().string(), gz = dir.file("gz/" + entry.path().filename().string() + ".gz");
+        std::string const text = entry.path().string();
+        std::string const gz = dir.file("gz/" + entry.path().filename().string() + ".gz");
         ASSERT_GT(fs::file_size(text), 2u << 20) << "too small to have several blocks";
         EXPECT_LT(fs::file_size(gz) * 2, fs::file_size(text)) << "not compressed";
         EXPECT_EQ(std::system(("zcat '" + gz + "' | cmp -s - '" + text + "'").c_str()), 0) << gz;

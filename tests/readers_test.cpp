@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,7 +28,8 @@ void expect_failures(std::vector<BadInput> const& rows) {
     for (BadInput const& row : rows) {
         TempDir dir;
         copy_small_data(dir);
-        for (auto const& [name, text] : row.files) write_file(dir.file(name), text, !row.plain && text_ends_with(name, ".gz"));
+        for (auto const& [name, text] : row.files)
+            write_file(dir.file(name), text, !row.plain && text_ends_with(name, ".gz"));
         std::vector<std::string> args = small_data_args();
         args.insert(args.end(), row.flags.begin(), row.flags.end());
         RunResult const r = run_ketra(args, dir.path().string());
@@ -48,15 +49,13 @@ std::string parse_outcome(std::string const& text, int leaves, bool leaf_sets) {
     } catch (BadTreeDataException const& e) {
         return e.what();
     }
-    std::string out;
-    char buffer[160];
+    std::ostringstream out;
     for (auto const& [id, node] : tree) {
-        std::snprintf(buffer, sizeof buffer, "%d:%d,%d %a %a %a;", id, node.child_a, node.child_b, node.time,
-                      node.parent_time, node.branch_length);
-        out += buffer;
-        if (!leaf_sets && (!node.leaves_below.empty() || !node.leaves_outside.empty())) out += "leaf sets!";
+        out << std::hexfloat << id << ':' << node.child_a << ',' << node.child_b << ' ' << node.time << ' '
+            << node.parent_time << ' ' << node.branch_length << ';';
+        if (!leaf_sets && (!node.leaves_below.empty() || !node.leaves_outside.empty())) out << "leaf sets!";
     }
-    return out;
+    return out.str();
 }
 
 }  // namespace

@@ -176,8 +176,8 @@ TEST(SplitRun, MergedChunksEqualTheSingleRun) {
         ASSERT_EQ(run_ketra(small_args_and(outputs + single + "/" + c.output), dir.path().string()).status, 0);
         std::string const to_split = (c.pardo_gz ? " -pardo_gz" : "") + outputs + split + "/" + c.output;
         for (int i = 1; i <= c.chunks; ++i) {
-            auto const r = run_ketra(small_args_and(to_split + " -chunk " + std::to_string(i) + " " + n + " -threads " +
-                                                    c.chunk_threads), dir.path().string());
+            std::string const chunk = " -chunk " + std::to_string(i) + " " + n + " -threads " + c.chunk_threads;
+            auto const r = run_ketra(small_args_and(to_split + chunk), dir.path().string());
             ASSERT_EQ(r.status, 0) << r.out;
         }
         EXPECT_TRUE(results(split).empty());  // the chunks write only their own files
@@ -231,7 +231,8 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
     broken_case const cases[] = {
         {[&] { write_file(part2, index.substr(0, index.rfind("complete"))); },
          "partial results are incomplete (run it again with -chunk 2 2)"},
-        {[&] { write_file(data0, data.substr(0, data.size() - 8)); }, "run.chunk2of2.part.0: partial results are incomplete"},
+        {[&] { write_file(data0, data.substr(0, data.size() - 8)); },
+         "run.chunk2of2.part.0: partial results are incomplete"},
         {[&] { fs::last_write_time(dir.file("study.gen"), genotypes_time + 60); },
          "partial results made by another command line or from other input files"},
         {[&] { fs::copy_file(dir.file("s/run.chunk1of2.part"), part2, fs::copy_option::overwrite_if_exists); },
