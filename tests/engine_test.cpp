@@ -1,74 +1,25 @@
 // The per-individual engine against a brute-force ordered-pair model with an
-// explicit K^2 x K^2 transition matrix, over a table of panel shapes, each run
-// on one or more threads (more threads must give the same bits as one).
+// explicit K^2 x K^2 transition matrix over a table of panel shapes, and
+// against itself under memory budgets so small that it recomputes forward
+// arrays from checkpoints.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
-#include <thread>
+#include <string>
 #include <vector>
 
-#include "hmm/hmm.h"
 #include "hmm/kernel.h"
-#include "trees/tree.h"
+#include "support/test_support.h"
 
 namespace {
 
 using Vec = std::vector<double>;
 using Mat = std::vector<Vec>;
 using hmm_kernel::tri_offset;
-
-struct Shape {
-    int K, L, N;
-    double theta;
-    // Runs of SNPs where every haplotype carries allele 0 and every individual
-    // two copies of allele 1: the totals underflow and both passes rescale.
-    bool mismatch_runs;
-    int threads;
-};
-
-HMM make_hmm(Shape const& shape, unsigned seed) {
-    std::mt19937_64 rng(seed);
-    std::uniform_real_distribution<double> u(0.0, 1.0);
-    HMM h;
-    h.n_haplotypes = shape.K;
-    h.n_individuals = shape.N;
-    double const e = 0.5 * shape.theta / (shape.theta + shape.K), s = 1.0 - e;
-    h.mutation_matrix = {{s * s, 2 * s * e, e * e, 1.0}, {s * e, s * s + e * e, s * e, 1.0}, {e * e, 2 * s * e, s * s, 1.0}};
-    double pos = 1000.0, gen = 0.0, prev_pos = 0.0, prev_gen = 0.0;
-    for (int l = 0; l < shape.L; ++l) {
-        snp x;
-        bool const run = shape.mismatch_runs && (l % 7) >= 2;
-        for (int k = 0; k < shape.K; ++k) x.haplotype_alleles.push_back(run ? 0 : (u(rng) < 0.4 ? 1 : 0));
-        for (int n = 0; n < shape.N; ++n) x.genotypes.push_back(run ? 2 : static_cast<int>(u(rng) * 4));
-        if (l > 0) {
-            double const jump = (1.0 - std::exp(-(gen - prev_gen) / shape.K)) / shape.K;
-            x.switch_rates = {1.0 - (shape.K - 1) * jump, jump};
-            x.rate_per_base = (gen - prev_gen) / (pos - prev_pos);
-        }
-        h.snps[pos] = x;
-        prev_pos = pos;
-        prev_gen = gen;
-        pos += 10.0 + std::floor(u(rng) * 500.0);
-        gen += 2.0 * u(rng);
-    }
-    return h;
-}
-
-// Positions at the first and last SNP, at inner SNPs, and between SNPs, several sharing flanks.
-std::vector<hmm_kernel::Flank> test_flanks(HMM const& h) {
-    std::vector<double> at, out;
-    for (auto const& e : h.snps) at.push_back(e.first);
-    out = {at.front(), at.back(), at.back() - 1.0};
-    for (std::size_t s = 0; s + 1 < at.size(); ++s) {
-        out.push_back(at[s] + 0.25 * (at[s + 1] - at[s]));
-        if (s % 2 == 0) out.push_back(at[s] + 0.75 * (at[s + 1] - at[s]));
-        if (s % 3 == 1) out.push_back(at[s]);
-    }
-    return find_position_flanks(h, out);
-}
+using hmm_kernel::tri_size;
+using ketra_test::same_bits;
 
 // Pair transition T((i,j) -> (k,l)) = t(i->k) t(j->l) over ordered pairs x = i K + j,
 // with t(i->k) = (stay - jump) [i = k] + jump. The term where both copies jump
@@ -102,19 +53,14 @@ struct Brute {
     int forward_rescales = 0, backward_rescales = 0;  // where the engine's totals fall below its limit
 };
 
-Brute brute_force(HMM const& h, int n) {
-    int const K = h.n_haplotypes;
-    std::vector<snp const*> v;
-    for (auto const& e : h.snps) v.push_back(&e.second);
-    int const L = static_cast<int>(v.size());
-    auto E = [&](int s, int x) {
-        return h.mutation_matrix[v[s]->haplotype_alleles[x / K] + v[s]->haplotype_alleles[x % K]][v[s]->genotypes[n]];
-    };
+Brute brute_force(hmm_kernel::Panel const& p, int n) {
+    int const K = p.K, L = p.L;
+    auto E = [&](int s, int x) { return p.emission[p.genotypes_of(n)[s]][int(p.h(s)[x / K] + p.h(s)[x % K])]; };
     Brute b{Mat(L, Vec(K * K)), Mat(L, Vec(K * K, 1.0))};
     double scale = 1.0, w = 1.0;
     for (int s = 0; s < L; ++s) {
         if (s == 0) b.alpha[0] = Vec(K * K, 1.0 / (K * K));
-        else b.alpha[s] = apply(pair_transition(K, v[s]->switch_rates[0], v[s]->switch_rates[1], w), b.alpha[s - 1], true);
+        else b.alpha[s] = apply(pair_transition(K, p.stay[s], p.jump[s], w), b.alpha[s - 1], true);
         for (int x = 0; x < K * K; ++x) b.alpha[s][x] *= E(s, x);
         scale *= normalise(b.alpha[s]);
         w = 1.0;
@@ -125,7 +71,7 @@ Brute brute_force(HMM const& h, int n) {
         Vec weighted = b.beta[s + 1];
         for (int x = 0; x < K * K; ++x) weighted[x] *= E(s + 1, x);
         if ((scale *= normalise(weighted)) < hmm_kernel::underflow_limit) ++b.backward_rescales, scale = 1.0;
-        b.beta[s] = apply(pair_transition(K, v[s + 1]->switch_rates[0], v[s + 1]->switch_rates[1]), weighted, false);
+        b.beta[s] = apply(pair_transition(K, p.stay[s + 1], p.jump[s + 1]), weighted, false);
     }
     return b;
 }
@@ -147,117 +93,85 @@ Vec brute_posterior(int K, Brute const& b, hmm_kernel::Flank const& f) {
 
 double P_at(const double* P, int x, int y) { return x >= y ? P[tri_offset(x) + y] : P[tri_offset(y) + x]; }
 
-// Every individual's posterior at every flank, individuals dealt out over threads.
-Mat engine_posteriors(HMM const& h, std::vector<hmm_kernel::Flank> const& flanks, int threads) {
-    hmm_kernel::Panel const panel = make_panel(h);
-    hmm_kernel::Schedule const schedule(panel.L, flanks);
-    std::size_t const P = flanks.size();
-    Mat out(panel.N * P);
-    auto work = [&](int first) {
-        hmm_kernel::Workspace ws;
-        for (int n = first; n < panel.N; n += threads) {
-            auto sink = [&](int p, const double* x) { out[n * P + p].assign(x, x + hmm_kernel::tri_size(panel.K)); };
-            ws.run(panel, schedule, panel.genotypes_of(n), sink);
-        }
-    };
-    std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t) pool.emplace_back(work, t);
-    for (auto& t : pool) t.join();
-    return out;
-}
+// Every individual's posteriors and haplotype sums (also summed apart from the
+// fused pass) at every position, in the schedule's order, and the forward steps taken.
+struct BudgetRun { Vec P, m, m_apart; long forward_steps = 0; };
 
-// A random full binary tree over K leaves, built by the tree parser from its text.
-tree_nodes random_tree(int K, std::mt19937_64& rng) {
-    std::vector<int> active;  // 1-based node ids as the text names them
-    for (int l = 1; l <= K; ++l) active.push_back(l);
-    std::string text = "1 0;" + std::to_string(K) + ";";
-    for (int id = K + 1; active.size() > 1; ++id) {
-        std::shuffle(active.begin(), active.end(), rng);
-        text += std::to_string(active.back()) + " " + std::to_string(active[active.size() - 2]) + ",";
-        active.resize(active.size() - 2);
-        active.push_back(id);
+BudgetRun run_with(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule,
+                   std::size_t budget = hmm_kernel::default_kept_budget) {
+    hmm_kernel::Workspace ws(budget);
+    std::size_t const K = panel.K, T = tri_size(panel.K), positions = schedule.flanks.size() * panel.N;
+    BudgetRun r{Vec(positions * T), Vec(positions * K), Vec(positions * K)};
+    for (int i = 0; i < panel.N; ++i) {
+        auto sink = [&](int p, const double* x, const double* m) {
+            std::size_t const at = i * schedule.flanks.size() + p;
+            std::copy(x, x + T, r.P.begin() + at * T);
+            std::copy(m, m + K, r.m.begin() + at * K);
+            hmm_kernel::haplotype_probabilities(panel.K, x, r.m_apart.data() + at * K);
+        };
+        ws.run(panel, schedule, panel.genotypes_of(i), sink);
+        r.forward_steps += ws.forward_steps();
     }
-    text.back() = ';';
-    tree_nodes t;
-    parse_tree(text, t, K);
-    return t;
+    return r;
 }
 
 }  // namespace
 
-TEST(Engine, MatchesBruteForceOverShapesAndThreads) {
+TEST(Engine, MatchesBruteForceOverShapes) {
+    // The emissions' scale: tiny ones make the totals underflow, and both passes rescale.
+    struct Shape { int K, L, N; double scale; };
     std::vector<Shape> const shapes = {
-        {1, 5, 3, 0.3, false, 1},   {2, 5, 3, 0.5, false, 2},  {3, 6, 4, 0.8, false, 1},
-        {4, 5, 3, 1.1, false, 3},   {5, 24, 2, 1e-28, true, 1}, {9, 31, 3, 1e-60, true, 2},
-        {12, 16, 5, 0.4, false, 4}, {17, 22, 2, 1e-28, true, 1},
+        {1, 5, 3, 1.0},   {2, 5, 3, 0.5},   {3, 6, 4, 1.0},   {4, 5, 3, 0.2},
+        {5, 24, 2, 1e-28}, {9, 31, 3, 1e-60}, {12, 16, 5, 1.0}, {17, 22, 2, 1e-28},
     };
     std::mt19937_64 rng(7);
     for (Shape const& shape : shapes) {
         int const K = shape.K;
-        SCOPED_TRACE("K=" + std::to_string(K) + " L=" + std::to_string(shape.L) + " threads=" +
-                     std::to_string(shape.threads));
-        HMM const h = make_hmm(shape, 100 * K + shape.L);
-        auto const flanks = test_flanks(h);
-        Mat const got = engine_posteriors(h, flanks, shape.threads);
-        if (shape.threads > 1) {
-            EXPECT_TRUE(got == engine_posteriors(h, flanks, 1)) << "threads change the bits";
-        }
-        tree_nodes const tree = random_tree(K, rng);
-        auto const layout = make_branch_layout(tree, K);
+        SCOPED_TRACE("K=" + std::to_string(K) + " L=" + std::to_string(shape.L));
+        ketra_test::RunData const run = ketra_test::make_run(K, shape.L, shape.N, shape.scale, false, rng);
+        auto const& flanks = run.schedule.flanks;
+        Vec const got = run_with(run.panel, run.schedule).P;
+        // A random tree and the leaves below each node, found from the merges alone.
+        hmm_kernel::BranchLayout const layout = ketra_test::random_layout(K, rng);
+        int const nodes = layout.n_nodes();
+        std::vector<std::vector<bool>> below(nodes, std::vector<bool>(K));
+        for (int v = 0; v < nodes; ++v)
+            for (int k = 0; k < K; ++k)
+                below[v][k] = v < K ? k == v : below[layout.child_a[v]][k] || below[layout.child_b[v]][k];
         int rescales[2] = {0, 0};
         for (int n = 0; n < shape.N; ++n) {
-            Brute const b = brute_force(h, n);
+            Brute const b = brute_force(run.panel, n);
             rescales[0] += b.forward_rescales;
             rescales[1] += b.backward_rescales;
             for (std::size_t p = 0; p < flanks.size(); ++p) {
                 Vec const expected = brute_posterior(K, b, flanks[p]);
-                const double* P = got[n * flanks.size() + p].data();
+                const double* P = got.data() + (n * flanks.size() + p) * tri_size(K);
                 for (int x = 0; x < K * K; ++x)
                     ASSERT_NEAR(P_at(P, x / K, x % K), expected[x], 1e-9 * expected[x] + 1e-300) << "flank " << p;
                 // Copy probabilities and per-branch sums: both copies below a node, or exactly one.
-                Vec m(K), both(layout.n_nodes()), one(layout.n_nodes()), work(2 * layout.n_nodes());
+                Vec m(K), both(nodes), one(nodes), work(2 * nodes), reordered(tri_size(K));
                 hmm_kernel::haplotype_probabilities(K, P, m.data());
-                hmm_kernel::branch_probabilities(layout, P, m.data(), both.data(), one.data(), work.data());
-                for (auto const& [id, node] : tree) {
+                hmm_kernel::branch_probabilities(layout, P, m.data(), both.data(), one.data(), work.data(),
+                                                 reordered.data());
+                for (int v = 0; v < nodes; ++v) {
                     double eb = 0.0, eo = 0.0;
                     for (int x = 0; x < K * K; ++x) {  // a leaf's sums add up to its copy probability m
-                        bool const bx = node.leaves_below.count(x / K), by = node.leaves_below.count(x % K);
-                        eb += bx && by ? expected[x] : 0.0;
-                        eo += bx && !by ? 2.0 * expected[x] : 0.0;
+                        eb += below[v][x / K] && below[v][x % K] ? expected[x] : 0.0;
+                        eo += below[v][x / K] && !below[v][x % K] ? 2.0 * expected[x] : 0.0;
                     }
-                    EXPECT_NEAR(both[id], eb, 1e-9) << "node " << id;
-                    EXPECT_NEAR(one[id], eo, 1e-9) << "node " << id;
+                    EXPECT_NEAR(both[v], eb, 1e-9) << "node " << v;
+                    EXPECT_NEAR(one[v], eo, 1e-9) << "node " << v;
                 }
             }
         }
-        if (shape.mismatch_runs) {
+        if (shape.scale < 1e-20) {
             EXPECT_TRUE(rescales[0] > 0 && rescales[1] > 0) << "no rescaling exercised";
         }
     }
 }
 
-TEST(Engine, FirstForwardArrayIsTheUniformPriorTimesTheEmission) {
-    double const h[3] = {0.0, 1.0, 1.0}, ecol[3] = {0.5, 0.25, 0.125};
-    Vec F(hmm_kernel::tri_size(3)), R(3);
-    double const total = hmm_kernel::forward_first(3, h, ecol, F.data(), R.data());
-    Vec const expected = {0.5 / 9, 0.25 / 9, 0.125 / 9, 0.25 / 9, 0.125 / 9, 0.125 / 9};
-    EXPECT_EQ(F, expected);
-    EXPECT_DOUBLE_EQ(total, (0.5 + 4 * 0.25 + 4 * 0.125) / 9);
-}
-
-TEST(Engine, FlanksOfPositions) {
-    Vec const pos = {100.0, 200.0, 350.0}, rate = {0.0, 0.5, 0.25};
-    struct Row { double t; int left, right; double dl, dr, rate; };
-    for (Row const& r : std::vector<Row>{{100.0, 0, 0, 0.0, 0.0, 0.0}, {150.0, 0, 1, 50.0, 50.0, 0.5},
-                                         {200.0, 1, 1, 0.0, 0.0, 0.5}, {349.5, 1, 2, 149.5, 0.5, 0.25},
-                                         {350.0, 2, 2, 0.0, 0.0, 0.25}}) {
-        auto const f = hmm_kernel::find_flanks(pos, rate, {r.t}).at(0);
-        EXPECT_EQ(std::vector<double>({double(f.left), double(f.right), f.left_distance, f.right_distance, f.rate}),
-                  std::vector<double>({double(r.left), double(r.right), r.dl, r.dr, r.rate})) << r.t;
-    }
-    EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {99.0}), std::out_of_range);
-    EXPECT_THROW(hmm_kernel::find_flanks(pos, rate, {350.5}), std::out_of_range);
-    // A position with either distance 0 is taken as lying on its flank SNP: no carrying.
+// A position with either distance 0 is taken as lying on its flank SNP: no carrying.
+TEST(Engine, PositionsOnAFlankSnpAreNotCarried) {
     Vec const F = {0.1, 0.2, 0.3, 0.05, 0.15, 0.2}, B = {0.3, 0.1, 0.2, 0.4, 0.25, 0.05};
     auto at = [&](double dl, double dr) {
         Vec P(6), scratch(6);
@@ -267,8 +181,43 @@ TEST(Engine, FlanksOfPositions) {
     EXPECT_EQ(at(50.0, 0.0), at(0.0, 0.0));
     EXPECT_EQ(at(0.0, 50.0), at(0.0, 0.0));
     EXPECT_NE(at(50.0, 50.0), at(0.0, 0.0));
-    // Tables that are not trees: a self-merge, a child with a later id, a leaf with children.
-    EXPECT_THROW(hmm_kernel::BranchLayout(3, {-1, -1, -1, 0}, {-1, -1, -1, 0}), std::invalid_argument);
-    EXPECT_THROW(hmm_kernel::BranchLayout(3, {-1, -1, -1, 4}, {-1, -1, -1, 1}), std::invalid_argument);
-    EXPECT_THROW(hmm_kernel::BranchLayout(2, {-1, 0}, {-1, -1}), std::invalid_argument);
+}
+
+// Budgets for 1 to 12 kept arrays and for all, over runs that keep from a few
+// to dozens of forward arrays: every plan must give the same bits.
+TEST(Checkpoints, TinyBudgetsRecomputeAndGiveTheSameBits) {
+    std::mt19937_64 rng(17);
+    for (int L : {4, 12, 30, 60, 90}) {
+        ketra_test::RunData const run = ketra_test::make_run(3 + L % 7, L, 2, 1e-30, false, rng);
+        int const K = run.panel.K, n_kept = run.schedule.n_kept;
+        std::size_t const per_array = (tri_size(K) + K) * sizeof(double);
+        BudgetRun const all = run_with(run.panel, run.schedule);
+        EXPECT_TRUE(same_bits(all.m, all.m_apart));  // the fused sums
+        for (int slots = 1; slots <= 12; ++slots) {
+            SCOPED_TRACE("K " + std::to_string(K) + ", kept " + std::to_string(n_kept) + ", slots " +
+                         std::to_string(slots));
+            std::size_t const budget = slots * per_array + per_array / 2;
+            ASSERT_EQ(hmm_kernel::Workspace::kept_slots(K, budget), slots);
+            BudgetRun const few = run_with(run.panel, run.schedule, budget);
+            EXPECT_TRUE(same_bits(all.P, few.P) && same_bits(all.m, few.m));
+            bool const recomputes = slots < n_kept;
+            EXPECT_EQ(few.forward_steps > all.forward_steps, recomputes);
+            std::size_t const small = hmm_kernel::Workspace::bytes(K, run.schedule, budget);
+            EXPECT_EQ(small < hmm_kernel::Workspace::bytes(K, run.schedule), recomputes);
+            EXPECT_GE(small, (5 + std::min(slots, n_kept)) * tri_size(K) * sizeof(double));
+        }
+    }
+}
+
+TEST(Checkpoints, PlansSweepTwiceWhileTwoLevelsSuffice) {
+    for (int n_kept = 1; n_kept <= 60; ++n_kept)
+        for (int slots = 1; slots <= 12; ++slots) {
+            hmm_kernel::CheckpointPlan const plan = hmm_kernel::plan_checkpoints(n_kept, slots);
+            long steps = 0;
+            for (auto const& sweep : plan.sweeps) steps += sweep.to - sweep.from;
+            EXPECT_LE(plan.slots, slots);
+            // One sweep when all fit; about two while n_kept fits (slots+1)(slots+2)/2, never the quadratic fallback.
+            EXPECT_TRUE(n_kept > slots || plan.sweeps.size() == 1u) << n_kept << " " << slots;
+            EXPECT_TRUE(n_kept + 1 > (slots + 1) * (slots + 2) / 2 || steps <= 2L * n_kept) << n_kept << " " << slots;
+        }
 }

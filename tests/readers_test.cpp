@@ -4,7 +4,9 @@
 // terminated". The genotype rows run on a plain and on a gzip file.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,7 +28,8 @@ void expect_failures(std::vector<BadInput> const& rows) {
     for (BadInput const& row : rows) {
         TempDir dir;
         copy_small_data(dir);
-        for (auto const& [name, text] : row.files) (row.plain ? write_file : write_input_file)(dir.file(name), text);
+        for (auto const& [name, text] : row.files)
+            write_file(dir.file(name), text, !row.plain && text_ends_with(name, ".gz"));
         std::vector<std::string> args = small_data_args();
         args.insert(args.end(), row.flags.begin(), row.flags.end());
         RunResult const r = run_ketra(args, dir.path().string());
@@ -38,13 +41,26 @@ void expect_failures(std::vector<BadInput> const& rows) {
 
 std::string const legend = "id position a0 a1\n";
 
-}  // namespace
-
-TEST(Readers, GeneticMap) {
-    expect_failures({{{}, "absent.map", "can't open file.", {"-m", "absent.map"}}});
+// Node values as text (or the error), for comparing two parses.
+std::string parse_outcome(std::string const& text, int leaves, bool leaf_sets) {
+    tree_nodes tree;
+    try {
+        parse_tree(text, tree, leaves, leaf_sets);
+    } catch (BadTreeDataException const& e) {
+        return e.what();
+    }
+    std::ostringstream out;
+    for (auto const& [id, node] : tree) {
+        out << std::hexfloat << id << ':' << node.child_a << ',' << node.child_b << ' ' << node.time << ' '
+            << node.parent_time << ' ' << node.branch_length << ';';
+        if (!leaf_sets && (!node.leaves_below.empty() || !node.leaves_outside.empty())) out << "leaf sets!";
+    }
+    return out.str();
 }
 
-TEST(Readers, ReferencePanel) {
+}  // namespace
+
+TEST(Readers, ReferencePanelAndMap) {
     std::string const none = "No SNPs in the interval in haplotype file!";
     std::string const bad = "bad format detected in haplotype file on line ";
     auto panel = [](std::string const& rows, std::string const& haplotypes) {
@@ -64,6 +80,7 @@ TEST(Readers, ReferencePanel) {
         {panel("rs1 1000 A G\n", "0 99999999999999999999\n"), "ref.hap", bad + "1."},
         {{}, "absent.hap", "can't open haplotype file.", {"-h", "absent.hap"}},
         {{}, "absent.legend", "can't open legend file.", {"-l", "absent.legend"}},
+        {{}, "absent.map", "can't open file.", {"-m", "absent.map"}},
     });
 }
 
@@ -110,7 +127,8 @@ TEST(Readers, SamplesAndStrand) {
 }
 
 // The tree text of one position: every way it can be malformed, and the
-// message naming the position with six significant digits.
+// message naming the position with six significant digits. The run parses
+// without leaf sets; the full parse must give the same nodes or error.
 TEST(Readers, TreeText) {
     std::string const prefix = "Bad tree data encountered at ";
     auto at = [&](std::string const& m) { return prefix + "1500 " + m; };
@@ -118,11 +136,7 @@ TEST(Readers, TreeText) {
     std::string const count = at("tree does not have the required number of leaves.");
     std::string const topology = at("error with tree topology, can't find branch in read_tree.");
     std::string const leaf = at("leaf not found."), mrca = at("error with one of the trees: does not reach the mrca.");
-    struct Row {
-        std::string text;
-        int leaves;
-        std::string message;
-    };
+    struct Row { std::string text; int leaves; std::string message; };  // "" for a tree of 2 leaves - 1 nodes
     std::vector<Row> const rows = {
         {"1500 0;4;1 2,3 4,5 6;", 4, ""},
         {"  1500\t0; 4;\t1   2, 3 4,  5 6;  trailing ; garbage ,\r", 4, ""},
@@ -145,16 +159,15 @@ TEST(Readers, TreeText) {
         {"1234567 0;3;1 2;", 3, prefix + "1.23457e+06 error with one of the trees: does not reach the mrca."},
     };
     for (Row const& row : rows) {
-        tree_nodes tree;
-        std::string message;
-        try {
-            parse_tree(row.text, tree, row.leaves);
-        } catch (BadTreeDataException const& e) {
-            message = e.what();
-        }
-        EXPECT_EQ(message, row.message) << row.text;
-        if (row.message.empty()) {
-            EXPECT_EQ(tree.size(), 2u * row.leaves - 1) << row.text;
-        }
+        std::string const lean = parse_outcome(row.text, row.leaves, false);
+        EXPECT_EQ(parse_outcome(row.text, row.leaves, true), lean) << row.text;
+        if (row.message.empty()) EXPECT_EQ(std::count(lean.begin(), lean.end(), ';'), 2 * row.leaves - 1) << row.text;
+        else EXPECT_EQ(lean, row.message) << row.text;
     }
+    // Reused and unknown nodes at later stages: the same error from both parses.
+    for (int leaves : {3, 4})
+        for (char const* text : {"1500 0;4;1 2,3 4,5 6,7 7;", "1500 0;4;1 2,1 3,5 6;", "1500 0;4;1 2,1 3,6 4;",
+                                 "1500 0;4;1 2,3 5,4 6;", "1500 0;4;1 2,3 4,5 5;", "1500 0;3;1 2,4 3,5 1;",
+                                 "1500 0;3;1 2,3 4,1 2;", "1500 0;3;2 1,4 3;x", "1500 0;5;1 2,3 6,4 5,7 8;"})
+            EXPECT_EQ(parse_outcome(text, leaves, false), parse_outcome(text, leaves, true)) << text << " " << leaves;
 }

@@ -15,11 +15,7 @@
 // Reversed coding is predicted when the frequencies are more than 0.2 apart
 // and sum to within 0.2 of one; both comparisons are strict.
 TEST(StrandPrediction, ReversesOnlyClearlyMismatchedFrequencies) {
-    struct Row {
-        double r, g;
-        std::string strand;
-        bool reversed;
-    };
+    struct Row { double r, g; std::string strand; bool reversed; };
     std::vector<Row> const rows = {
         {0.1, 0.85, "*", true},   {0.5, 0.5, "*", false},  {0.1, 0.5, "*", false},
         {0.1, 0.3, "*", false},   {0.45, 0.65, "*", false},  // |r - g| = 0.2 exactly

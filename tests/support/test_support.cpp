@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -17,8 +16,6 @@
 #include <boost/iostreams/device/file.hpp>
 #include <boost/iostreams/filter/gzip.hpp>
 #include <boost/iostreams/filtering_stream.hpp>
-
-#include "io/text_stream.h"
 
 namespace fs = boost::filesystem;
 namespace io = boost::iostreams;
@@ -37,22 +34,12 @@ TempDir::~TempDir() {
 
 std::string TempDir::file(std::string const& name) const { return (path_ / name).string(); }
 
-void write_file(std::string const& path, std::string const& content) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!(out << content)) throw std::runtime_error("cannot write " + path);
-}
-
-void write_gz_file(std::string const& path, std::string const& content) {
+void write_file(std::string const& path, std::string const& content, bool gzip) {
     fs::create_directories(fs::path(path).parent_path());
     io::filtering_ostream out;
-    out.push(io::gzip_compressor());
+    if (gzip) out.push(io::gzip_compressor());
     out.push(io::file_sink(path, std::ios::binary | std::ios::trunc));
-    out << content;
-}
-
-void write_input_file(std::string const& path, std::string const& content) {
-    (text_ends_with(path, ".gz") ? write_gz_file : write_file)(path, content);
+    if (!(out << content)) throw std::runtime_error("cannot write " + path);
 }
 
 std::string read_file(std::string const& path) {
@@ -62,14 +49,6 @@ std::string read_file(std::string const& path) {
     s << in.rdbuf();
     return s.str();
 }
-
-std::string read_gz_file(std::string const& path) {
-    auto in = open_text_input(path);
-    if (!in) throw std::runtime_error("cannot read " + path);
-    return std::string(std::istreambuf_iterator<char>(*in), std::istreambuf_iterator<char>());
-}
-
-bool file_exists(std::string const& path) { return fs::exists(path); }
 
 bool text_ends_with(std::string const& text, std::string const& tail) {
     return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
@@ -141,12 +120,10 @@ RunResult run_ketra(std::vector<std::string> const& args, std::string const& cwd
     return r;
 }
 
-std::string mask_timing(std::string text) {
+std::string mask_run_text(std::string text) {
     static std::regex const timing("Ketra took [0-9]+\\.[0-9]{2} seconds");
-    return std::regex_replace(text, timing, "Ketra took X seconds");
+    return std::regex_replace(without_binary_path(std::move(text)), timing, "Ketra took X seconds");
 }
-
-std::string mask_run_text(std::string text) { return mask_timing(without_binary_path(std::move(text))); }
 
 std::map<std::string, std::string> collect_output_files(fs::path const& folder) {
     std::map<std::string, std::string> files;
@@ -167,6 +144,11 @@ std::string without_command_line(std::string text) {
         text.erase(at + label.size(), end == std::string::npos ? std::string::npos : end + 1 - at - label.size());
     }
     return text;
+}
+
+std::map<std::string, std::string> without_command_line(std::map<std::string, std::string> files) {
+    for (auto& file : files) file.second = without_command_line(file.second);
+    return files;
 }
 
 std::string source_dir() { return KETRA_SOURCE_DIR; }

@@ -31,13 +31,9 @@ private:
     boost::filesystem::path path_;
 };
 
-void write_file(std::string const& path, std::string const& content);
-void write_gz_file(std::string const& path, std::string const& content);
-// Compressed when the name ends in ".gz".
-void write_input_file(std::string const& path, std::string const& content);
+// Compressed when gzip is true.
+void write_file(std::string const& path, std::string const& content, bool gzip = false);
 std::string read_file(std::string const& path);
-std::string read_gz_file(std::string const& path);
-bool file_exists(std::string const& path);
 bool text_ends_with(std::string const& text, std::string const& tail);
 
 // The small data set (K = 4, N = 3) or the bundled example, copied into dir.
@@ -51,17 +47,17 @@ struct RunResult {
     std::string err;
 };
 RunResult run_ketra(std::vector<std::string> const& args, std::string const& cwd = ".");
-// Replaces the digits of the timing line, so that outputs compare byte for byte.
-std::string mask_timing(std::string text);
-// The same, and the binary's path (which depends on the build folder) as "ketra".
+// Replaces the digits of the timing line, and the binary's path (which depends
+// on the build folder) by "ketra", so that outputs compare byte for byte.
 std::string mask_run_text(std::string text);
 
 // Every file under folder by relative path; .gz files (which must be one whole
 // gzip stream) as "<name>.unzipped" text.
 std::map<std::string, std::string> collect_output_files(boost::filesystem::path const& folder);
 // Removes the echoed command line, the one text that differs between runs
-// that differ only in options such as -threads.
+// that differ only in options such as -threads; from a text or every file.
 std::string without_command_line(std::string text);
+std::map<std::string, std::string> without_command_line(std::map<std::string, std::string> files);
 
 std::string source_dir();
 
@@ -99,18 +95,14 @@ struct ThreadTeam {
     }
 };
 
-// Runs f(team) on `size` threads; every rank must return the same bits, and
-// rank 0's value is returned.
+// Runs f(team) on `size` threads.
 template <class F>
-double on_team(int size, F const& f) {
+void on_team(int size, F const& f) {
     ThreadTeam::Barrier barrier;
     barrier.n = size;
-    std::vector<double> value(size);
     std::vector<std::thread> threads;
-    for (int r = 0; r < size; ++r) threads.emplace_back([&, r] { value[r] = f(ThreadTeam{r, size, &barrier}); });
+    for (int r = 0; r < size; ++r) threads.emplace_back([&, r] { f(ThreadTeam{r, size, &barrier}); });
     for (auto& t : threads) t.join();
-    EXPECT_TRUE(same_bits(value, std::vector<double>(size, value[0])));
-    return value[0];
 }
 
 // A random binary tree over K leaves: merges of random open lineages, merged

@@ -1,17 +1,24 @@
-// Damaged compressed input: a gzip file that is cut, corrupt or not gzip at
-// all is an error naming the file, never a shorter or empty file.
+// Compressed files. Input: a gzip file that is cut, corrupt or not gzip at all
+// is an error naming the file, never a shorter or empty file. Output: a run
+// whose pardo files of several 1 MB blocks are compressed by several threads
+// at once must write gzip files that zcat turns back into the plain run's files.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <sstream>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "bench_inputs.h"
 #include "io/badfilename.h"
 #include "io/gzip_member.h"
 #include "io/text_stream.h"
 #include "support/test_support.h"
 
+namespace fs = boost::filesystem;
 using namespace ketra_test;
 
 namespace {
-
-std::string const small_dir = source_dir() + "/tests/data/small/";
 
 // Text read through open_text_input line by line; error gets the message it ended with.
 std::string read_all(std::string const& path, std::string& error) {
@@ -26,7 +33,7 @@ std::string read_all(std::string const& path, std::string& error) {
 }
 
 std::string gz_bytes(TempDir const& dir, std::string const& content) {
-    write_gz_file(dir.file("tmp.gz"), content);
+    write_file(dir.file("tmp.gz"), content, true);
     return read_file(dir.file("tmp.gz"));
 }
 
@@ -34,7 +41,7 @@ std::string gz_bytes(TempDir const& dir, std::string const& content) {
 
 TEST(DamagedInput, ReaderStreamReportsDamageAndReadsWholeFilesToTheEnd) {
     TempDir dir;
-    std::string const gen = read_file(small_dir + "study.gen");
+    std::string const gen = read_file(source_dir() + "/tests/data/small/study.gen");
     std::string big;
     for (int i = 0; i < 2000; ++i) big += gen;  // enough data that a cut lands inside the deflate stream
     std::string const gz = gz_bytes(dir, big);
@@ -73,32 +80,28 @@ TEST(DamagedInput, ReaderStreamReportsDamageAndReadsWholeFilesToTheEnd) {
     }
 }
 
-TEST(DamagedInput, RunEndsWithTheReadersErrorAndItsStatus) {
+// Two pardo files of several blocks each and more threads than files.
+TEST(PardoGzip, ManyBlocksPerFileDecompressToThePlainRun) {
     TempDir dir;
-    copy_small_data(dir);
-    std::string const gen = read_file(small_dir + "study.gen"), trees = read_file(small_dir + "trees.txt");
-    std::string const gen_gz = gz_bytes(dir, gen), trees_gz = gz_bytes(dir, trees);
-    write_file(dir.file("cut.gen.gz"), gen_gz.substr(0, gen_gz.size() - 12));
-    write_file(dir.file("plain.gen.gz"), gen);
-    write_file(dir.file("plain_trees.gz"), trees);
-    write_file(dir.file("cut_trees.gz"), trees_gz.substr(0, trees_gz.size() / 2));
-    // Genotype errors keep the data stage's status 0 by default; the tree map's is 1.
-    struct Case { std::string gen, trees, tail; int status; };
-    std::vector<Case> const cases = {
-        {"cut.gen.gz", "trees.txt", "Error reading file cut.gen.gz: compressed data are truncated", 0},
-        {"plain.gen.gz", "trees.txt", "Error reading file plain.gen.gz: not in gzip format.", 0},
-        {"study.gen", "plain_trees.gz", "Error reading file plain_trees.gz: not in gzip format.", 1},
-        {"study.gen", "cut_trees.gz", "Error reading file cut_trees.gz: compressed data are truncated", 1},
-    };
-    for (auto const& c : cases)
-        for (bool strict : {false, true}) {
-            SCOPED_TRACE(c.gen + " " + c.trees + (strict ? " -strict" : ""));
-            auto args = small_data_args();
-            args[7] = c.gen, args[9] = c.trees;
-            if (strict) args.push_back("-strict");
-            auto const r = run_ketra(args, dir.path().string());
-            EXPECT_EQ(r.status, strict ? 1 : c.status);
-            ASSERT_NE(r.out.find(c.tail), std::string::npos) << r.out;
-            EXPECT_TRUE(text_ends_with(r.out, "\nProgram terminated\n") && r.err.empty()) << r.out << r.err;
-        }
+    bench_sizes sizes;
+    sizes.haplotypes = 100, sizes.snps = 30, sizes.individuals = 400, sizes.positions = 2;
+    std::istringstream inputs(write_bench_inputs(sizes, dir.path().string()));
+    std::vector<std::string> plain, packed;
+    for (std::string w; inputs >> w;) plain.push_back(w);
+    packed = plain;
+    plain.insert(plain.end(), {"-o", dir.file("plain/run")});
+    packed.insert(packed.end(), {"-pardo_gz", "-threads", "5", "-o", dir.file("gz/run")});
+    ASSERT_EQ(run_ketra(plain, dir.path().string()).status, 0);
+    ASSERT_EQ(run_ketra(packed, dir.path().string()).status, 0);
+    int pardo_files = 0;
+    for (auto const& entry : fs::directory_iterator(dir.path() / "plain")) {
+        if (entry.path().extension() != ".pardo") continue;
+        ++pardo_files;
+        std::string const text = entry.path().string();
+        std::string const gz = dir.file("gz/" + entry.path().filename().string() + ".gz");
+        ASSERT_GT(fs::file_size(text), 2u << 20) << "too small to have several blocks";
+        EXPECT_LT(fs::file_size(gz) * 2, fs::file_size(text)) << "not compressed";
+        EXPECT_EQ(std::system(("zcat '" + gz + "' | cmp -s - '" + text + "'").c_str()), 0) << gz;
+    }
+    EXPECT_EQ(pardo_files, 2);
 }
