@@ -8,6 +8,7 @@
 
 #include <sys/mount.h>
 
+#include <chrono>
 #include <ctime>
 #include <fstream>
 #include <functional>
@@ -15,6 +16,9 @@
 
 #include <boost/filesystem/operations.hpp>
 
+#include "hmm/memory_check.h"
+#include "hmm/partial_results.h"
+#include "hmm/run_error.h"
 #include "support/test_support.h"
 
 using namespace ketra_test;
@@ -254,4 +258,101 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
     // The same chunks do not make a split into three; other options than -threads change the fingerprint.
     expect_stop(run("-merge 3"), "run.chunk1of3.part: partial results of chunk 1 of 3 are missing");
     expect_stop(run("-merge 2 -Ne 10000"), "partial results made by another command line");
+}
+
+// Runs killed at random moments leave, under their final names, only whole files.
+TEST(Strict, KilledRunsLeaveNoPartFileUnderAFinalName) {
+    TempDir dir;
+    copy_example_data(dir);
+    std::string const cd = "cd " + dir.path().string() + " && ", command = " " + std::string(KETRA_BINARY) +
+        " -h ref.hap -l ref.legend -m map.txt -g study.gen.gz -tree_file trees.txt -buffer 15"
+        " -int 1350000 1395000 -tavlo_input -print_matrix -strict ";
+    std::mt19937 rng(12345);
+    int partial_runs = 0;
+    for (std::string const extra : {"-snp_info -pardo_gz -o killed/run.gz", "-chunk 1 2 -o killed/run"}) {
+        // The reference, under the same command line (partial results and the .aux file hold it).
+        for (char const* folder : {"killed", "whole"}) fs::remove_all(dir.path() / folder);
+        auto const start = std::chrono::steady_clock::now();
+        ASSERT_EQ(std::system((cd + command + extra + " >/dev/null").c_str()), 0);
+        std::chrono::duration<double> const took = std::chrono::steady_clock::now() - start;
+        fs::rename(dir.path() / "killed", dir.path() / "whole");
+        for (int round = 0; round < 4; ++round) {
+            fs::remove_all(dir.path() / "killed");
+            std::string const after = std::to_string(std::uniform_real_distribution<>(0.001, took.count() * 1.2)(rng));
+            int const raw = std::system((cd + "{ timeout -s 9 " + after + command + extra + "; } >/dev/null 2>&1").c_str());
+            partial_runs += WIFEXITED(raw) && WEXITSTATUS(raw) == 128 + 9;
+            if (!fs::exists(dir.path() / "killed")) continue;
+            for (auto const& entry : fs::directory_iterator(dir.path() / "killed")) {
+                // Temporary names start with a dot; the work folder goes with the run.
+                std::string const name = entry.path().filename().string(), content = read_file(entry.path().string());
+                if (name[0] == '.' || !fs::is_regular_file(entry.path())) continue;
+                // Or a chunk index as written before the passes: no record files, its checksum line.
+                EXPECT_TRUE(content == read_file(dir.file("whole/" + name)) ||
+                            (text_ends_with(name, ".part") && content.find("\nfiles 0\nchecksum ") != std::string::npos))
+                    << extra << ": " << name << " in round " << round;
+            }
+        }
+    }
+    EXPECT_GT(partial_runs, 0) << "no run was stopped before its end";
+}
+
+// Out of memory: the runtime's termination by default, one line under -strict.
+TEST(Strict, OutOfMemoryIsOneClearLine) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "address space limits and AddressSanitizer's shadow memory do not mix";
+#endif
+    TempDir dir;
+    copy_small_data(dir);
+    std::string hap;  // K = 6000: one pair array alone is 144 MB
+    for (int i = 0; i < 7 * 6000; ++i) hap += i % 6000 == 5999 ? "1\n" : i % 3 ? "0 " : "1 ";
+    write_file(dir.file("ref.hap"), hap);
+    std::string command = "cd " + dir.path().string() + " && ulimit -v 120000 && " + KETRA_BINARY;
+    for (auto const& a : small_data_args()) command += " " + a;
+    for (std::string const strict : {"", " -strict"}) {
+        int const raw = std::system((command + strict + " >out.txt 2>err.txt").c_str());
+        std::string const out = read_file(dir.file("out.txt")), err = read_file(dir.file("err.txt"));
+        EXPECT_EQ(err.find("std::bad_alloc") != std::string::npos, strict.empty()) << err;
+        EXPECT_EQ(raw != 0 && WIFEXITED(raw) && WEXITSTATUS(raw) == 1, !strict.empty()) << raw;
+        EXPECT_EQ(text_ends_with(out, ": out of memory\nProgram terminated\n"), !strict.empty()) << out;
+    }
+}
+
+// Slices are contiguous, cover everyone and differ by one at most; the memory
+// check warns (or stops, under -strict) only when the estimate does not fit, and
+// the estimate grows with threads, not with individuals.
+TEST(SplitRun, SlicesAndMemoryCheck) {
+    for (int N : {0, 1, 3, 10, 4000})
+        for (int n : {1, 2, 3, 7, 12}) {
+            int next = 0, smallest = N, largest = 0;
+            for (int i = 1; i <= n; ++i) {
+                auto const slice = chunk_individuals(i, n, N);
+                EXPECT_EQ(slice.first, next) << N << " " << n << " " << i;
+                smallest = std::min(smallest, slice.second - next);
+                largest = std::max(largest, slice.second - next);
+                next = slice.second;
+            }
+            EXPECT_TRUE(next == N && largest - smallest <= 1) << N << " " << n;
+        }
+    struct { double needed, available; int threads; bool strict; std::string printed; } const cases[] = {
+        {100e6, 200e6, 4, true, ""}, {100e6, -1, 4, true, ""}, {300e6, 200e6, 2, true, "stop"},
+        {300e6, 200e6, 4, false, "needs about 300 MB of memory, but only 200 MB is available. Use fewer threads (-threads 2)"},
+        {300e6, 200e6, 1, false, "Use fewer threads, or split the individuals over several runs with -chunk"}};
+    for (auto const& c : cases) {
+        std::ostringstream console;
+        try {
+            check_memory(c.needed, c.available, c.threads, c.strict, console);
+            EXPECT_TRUE(c.printed.empty() ? console.str().empty() : console.str().find(c.printed) != std::string::npos)
+                << console.str();
+        } catch (run_error const& e) {
+            EXPECT_TRUE(c.printed == "stop" && e.what().find("-chunk <i> <n>") != std::string::npos) << e.what();
+        }
+    }
+    run_size bench;
+    bench.K = 200, bench.L = 2000, bench.N = 500, bench.positions = 201, bench.kept_forward_arrays = 201;
+    run_size two_threads = bench, many_individuals = bench;
+    two_threads.threads = 2;
+    many_individuals.N = 4000, many_individuals.L = 244, many_individuals.positions = 23;
+    many_individuals.kept_forward_arrays = 23;
+    EXPECT_LT(std::max(estimate_peak_memory(bench), estimate_peak_memory(many_individuals)), 160e6);
+    EXPECT_GT(estimate_peak_memory(two_threads), estimate_peak_memory(bench) + 201 * 20100 * 8.0);
 }
