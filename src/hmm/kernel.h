@@ -59,10 +59,9 @@ double backward_last(int K, const double* h, const double* ecol, double* B, doub
 // One backward step into SNP s from SNP s+1: Bn, hn, ecoln are SNP s+1's
 // backward values, alleles and emission column, Rg and Tg the row sums and
 // total of E_{s+1} * Bn, stay and jump SNP s+1's switch rates. Writes B_s to B
-// (which may be Bn itself: the per-individual pipeline runs it in place). With
-// want_gamma (s is not the first SNP), also returns the total of E_s * B_s
-// with its row sums in Rg_out (distinct from Rg), after the same rescaling as
-// backward_last, which divides B in place.
+// (which may be Bn itself). With want_gamma (s is not the first SNP), also
+// returns the total of E_s * B_s with its row sums in Rg_out (distinct from
+// Rg), after the same rescaling as backward_last, which divides B in place.
 double backward_step(int K, double stay, double jump, const double* Bn, const double* hn, const double* ecoln,
                      const double* Rg, double Tg, const double* h, const double* ecol, double* B, double* Rg_out,
                      bool want_gamma);

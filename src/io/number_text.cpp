@@ -28,7 +28,7 @@ powers_of_ten const& powers() {
 }
 
 char* library_text(char* out, double value, int precision) {
-    return std::to_chars(out, out + 32, value, std::chars_format::general, precision).ptr;
+    return std::to_chars(out, out + 64, value, std::chars_format::general, precision).ptr;
 }
 
 }  // namespace

@@ -6,12 +6,12 @@
 #include <charconv>
 #include <string>
 
-// Writes value as "%.<precision>g" would, from out on (at most 32 bytes), and
+// Writes value as "%.<precision>g" would, from out on (at most 64 bytes), and
 // returns the end.
 char* general_text(char* out, double value, int precision);
 
 inline void append_number(std::string& out, double value, int precision) {
-    char buffer[32];
+    char buffer[64];
     out.append(buffer, general_text(buffer, value, precision));
 }
 
