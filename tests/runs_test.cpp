@@ -279,7 +279,8 @@ TEST(Strict, KilledRunsLeaveNoPartFileUnderAFinalName) {
         for (int round = 0; round < 4; ++round) {
             fs::remove_all(dir.path() / "killed");
             std::string const after = std::to_string(std::uniform_real_distribution<>(0.001, took.count() * 1.2)(rng));
-            int const raw = std::system((cd + "{ timeout -s 9 " + after + command + extra + "; } >/dev/null 2>&1").c_str());
+            std::string const killed = "{ timeout -s 9 " + after + command + extra + "; } >/dev/null 2>&1";
+            int const raw = std::system((cd + killed).c_str());
             partial_runs += WIFEXITED(raw) && WEXITSTATUS(raw) == 128 + 9;
             if (!fs::exists(dir.path() / "killed")) continue;
             for (auto const& entry : fs::directory_iterator(dir.path() / "killed")) {
@@ -288,7 +289,8 @@ TEST(Strict, KilledRunsLeaveNoPartFileUnderAFinalName) {
                 if (name[0] == '.' || !fs::is_regular_file(entry.path())) continue;
                 // Or a chunk index as written before the passes: no record files, its checksum line.
                 EXPECT_TRUE(content == read_file(dir.file("whole/" + name)) ||
-                            (text_ends_with(name, ".part") && content.find("\nfiles 0\nchecksum ") != std::string::npos))
+                            (text_ends_with(name, ".part") &&
+                             content.find("\nfiles 0\nchecksum ") != std::string::npos))
                     << extra << ": " << name << " in round " << round;
             }
         }
@@ -335,7 +337,8 @@ TEST(SplitRun, SlicesAndMemoryCheck) {
         }
     struct { double needed, available; int threads; bool strict; std::string printed; } const cases[] = {
         {100e6, 200e6, 4, true, ""}, {100e6, -1, 4, true, ""}, {300e6, 200e6, 2, true, "stop"},
-        {300e6, 200e6, 4, false, "needs about 300 MB of memory, but only 200 MB is available. Use fewer threads (-threads 2)"},
+        {300e6, 200e6, 4, false,
+         "needs about 300 MB of memory, but only 200 MB is available. Use fewer threads (-threads 2)"},
         {300e6, 200e6, 1, false, "Use fewer threads, or split the individuals over several runs with -chunk"}};
     for (auto const& c : cases) {
         std::ostringstream console;

@@ -927,7 +927,8 @@ void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uin
         bool const sums = carried_[s];
         bool const have_b = has_positions(s);
         double tb_step = 0.0;
-        if (have_b) tb_step = backward_from_gamma(K, stay, jump, G[r], rg_[r].data(), tg, B, sums ? rb_.data() : nullptr);
+        if (have_b)
+            tb_step = backward_from_gamma(K, stay, jump, G[r], rg_[r].data(), tg, B, sums ? rb_.data() : nullptr);
         bool rescaled = false;
         double next_tg = 0.0;
         if (s > 0) {
