@@ -495,14 +495,7 @@ BranchLayout::BranchLayout(int K_, std::vector<int> a, std::vector<int> b)
 
 namespace {
 
-// Where pair (q, p), p > q, of the reordered upper rows lies: upper_base(K, q) + p.
-inline std::ptrdiff_t upper_base(int K, int q) {
-    return static_cast<std::ptrdiff_t>(q) * (K - 1) - static_cast<std::ptrdiff_t>(q) * (q - 1) / 2 - q - 1;
-}
-
-// Q row q = P(order[q], order[p]) for p = q+1 .. K-1, the rows one after
-// another (row q starts at upper_base(K, q) + q + 1): for a fixed q, the pairs
-// with the leaves that follow in depth-first order lie side by side.
+// Q[p][q] = P(order[p], order[q]) for q < p, in the flat triangular layout.
 // Leaves are taken eight consecutive ids at a time. For leaf x of the block,
 // P(x, y) lies in row x of P for y <= x and in column x otherwise; the
 // columns of the block are copied first, one cache line of every later row
@@ -536,82 +529,21 @@ KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, dou
             const double* row = P + tri_offset(x);
             for (int y = 0; y <= x; ++y) full[y] = row[y];
             for (int y = x + 1; y < K; ++y) full[y] = strip[static_cast<std::size_t>(y) * block + u];
-            int const q = layout.rank[x];
-            double* out = Q + upper_base(K, q);
-            for (int p = q + 1; p < K; ++p) out[p] = full[order[p]];
+            int const p = layout.rank[x];
+            double* out = Q + tri_offset(p);
+            for (int q = 0; q < p; ++q) out[q] = full[order[q]];
         }
     }
 }
 
-// Sum over pairs with one leaf in depth-first places [qa, qb) and the other
-// in [pa, pb), qb <= pa: for each p in turn, the serial sum over q of
-// pair(p, q), added to the total in order of p.
+}  // namespace
+
+namespace {
+
+// The branch sums, with pair(p, q) = P(order[p], order[q]) for q < p.
 template <class Pair>
-KETRA_INLINE double cross_sum(int qa, int qb, int pa, int pb, Pair const& pair) {
-    double cross = 0.0;
-    int p = pa;
-    // Four rows side by side, so the additions overlap without changing
-    // their order.
-    for (; p + 4 <= pb; p += 4) {
-        double r0 = 0.0, r1 = 0.0, r2 = 0.0, r3 = 0.0;
-        for (int q = qa; q < qb; ++q) {
-            r0 += pair(p, q);
-            r1 += pair(p + 1, q);
-            r2 += pair(p + 2, q);
-            r3 += pair(p + 3, q);
-        }
-        cross += r0;
-        cross += r1;
-        cross += r2;
-        cross += r3;
-    }
-    for (; p < pb; ++p) {
-        double row = 0.0;
-        for (int q = qa; q < qb; ++q) row += pair(p, q);
-        cross += row;
-    }
-    return cross;
-}
-
-// The same sum from the reordered upper rows Q, with the rows of sixteen (or
-// fewer) p at a time in vector lanes: each lane still sums its own p serially
-// over q, and the lanes are added in order of p. Lanes past pb read what
-// follows in Q (at most fifteen values past its last row) and are dropped.
-KETRA_INLINE double cross_sum_upper(int K, const double* Q, int qa, int qb, int pa, int pb) {
-    double cross = 0.0;
-    for (int p = pa; p < pb; p += 16) {
-        int const n = std::min(16, pb - p);
-        v4 a0 = splat(0.0), a1 = a0, a2 = a0, a3 = a0;
-        const double* u = Q + upper_base(K, qa) + p;
-        if (n > 8) {
-            for (int q = qa; q < qb; u += K - q - 2, ++q) {
-                a0 += load4(u);
-                a1 += load4(u + 4);
-                a2 += load4(u + 8);
-                a3 += load4(u + 12);
-            }
-        } else if (n > 4) {
-            for (int q = qa; q < qb; u += K - q - 2, ++q) {
-                a0 += load4(u);
-                a1 += load4(u + 4);
-            }
-        } else {
-            for (int q = qa; q < qb; u += K - q - 2, ++q) a0 += load4(u);
-        }
-        double lanes[16];
-        std::memcpy(lanes, &a0, sizeof a0);
-        std::memcpy(lanes + 4, &a1, sizeof a1);
-        std::memcpy(lanes + 8, &a2, sizeof a2);
-        std::memcpy(lanes + 12, &a3, sizeof a3);
-        for (int t = 0; t < n; ++t) cross += lanes[t];
-    }
-    return cross;
-}
-
-// The branch sums; cross(qa, qb, pa, pb) as cross_sum gives it.
-template <class Cross>
 KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const double* m, double* both, double* one,
-                              double* work, Cross const& cross_of) {
+                              double* work, Pair const& pair) {
     int const n = layout.n_nodes();
     double* W = work;      // ordered-pair sum of P within the node's leaves
     double* S = work + n;  // sum of m over the node's leaves
@@ -622,8 +554,30 @@ KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const
         } else {
             int const a = layout.child_a[v], b = layout.child_b[v];
             // Pairs with one leaf under each child meet at this node only;
-            // a's leaves come before b's in depth-first order.
-            double const cross = cross_of(layout.lo[a], layout.hi[a], layout.lo[b], layout.hi[b]);
+            // a's leaves come before b's in depth-first order. Each row's sum
+            // is serial and the rows are added in order; four rows run side
+            // by side, so the additions overlap without changing their order.
+            double cross = 0.0;
+            int const qa = layout.lo[a], qb = layout.hi[a];
+            int p = layout.lo[b];
+            for (; p + 4 <= layout.hi[b]; p += 4) {
+                double r0 = 0.0, r1 = 0.0, r2 = 0.0, r3 = 0.0;
+                for (int q = qa; q < qb; ++q) {
+                    r0 += pair(p, q);
+                    r1 += pair(p + 1, q);
+                    r2 += pair(p + 2, q);
+                    r3 += pair(p + 3, q);
+                }
+                cross += r0;
+                cross += r1;
+                cross += r2;
+                cross += r3;
+            }
+            for (; p < layout.hi[b]; ++p) {
+                double row = 0.0;
+                for (int q = qa; q < qb; ++q) row += pair(p, q);
+                cross += row;
+            }
             W[v] = (W[a] + W[b]) + 2.0 * cross;
             S[v] = S[a] + S[b];
         }
@@ -636,22 +590,16 @@ KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const
 
 KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
                                        double* one, double* work, double* reordered) {
-    int const K = layout.K;
-    // The vector lanes read up to fifteen values past Q's K(K-1)/2, within
-    // the K(K+1)/2 the buffer holds once K >= 16.
-    if (reordered && K >= 16) {
+    if (reordered) {
         thread_local std::vector<double> strip;
         reorder_pairs(layout, P, reordered, strip);
-        branch_sums(layout, P, m, both, one, work, [&](int qa, int qb, int pa, int pb) {
-            return cross_sum_upper(K, reordered, qa, qb, pa, pb);
-        });
+        branch_sums(layout, P, m, both, one, work,
+                    [reordered](int p, int q) { return reordered[tri_offset(p) + q]; });
     } else {
         const int* order = layout.order.data();
-        branch_sums(layout, P, m, both, one, work, [&](int qa, int qb, int pa, int pb) {
-            return cross_sum(qa, qb, pa, pb, [P, order](int p, int q) {
-                int const x = order[p], y = order[q];
-                return P[x > y ? tri_offset(x) + y : tri_offset(y) + x];
-            });
+        branch_sums(layout, P, m, both, one, work, [P, order](int p, int q) {
+            int const x = order[p], y = order[q];
+            return P[x > y ? tri_offset(x) + y : tri_offset(y) + x];
         });
     }
 }

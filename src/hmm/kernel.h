@@ -128,7 +128,7 @@ struct BranchLayout {
 // pair posterior, m its haplotype probabilities. work must hold 2 * n_nodes
 // doubles. O(K^2) for the whole tree. With reordered (K(K+1)/2 doubles), P is
 // first copied there in depth-first leaf order, so that the sums read memory
-// in sequence and several rows at once rather than at random: much faster,
+// in sequence rather than at random: much faster once P outgrows the caches,
 // with the same bits.
 void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
                           double* one, double* work, double* reordered = nullptr);
