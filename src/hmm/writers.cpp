@@ -52,10 +52,10 @@ public:
     }
     bool is_open() const { return file_.is_open(); }
     void require_open() const { file_.require_open(); }
-    void write(std::string const& text) {
-        if (compressors_.empty()) return file_.write(text);
-        if (text.empty()) return;
-        blocks_[pending_++] = text;
+    void write(char const* text, std::size_t size) {
+        if (compressors_.empty()) return file_.write(text, size);
+        if (size == 0) return;
+        blocks_[pending_++].assign(text, size);
         if (pending_ == blocks_.size()) flush();
     }
     void finish() {
@@ -94,36 +94,47 @@ void write_pardo_file(result_file_reader const& records, result_layout const& la
     std::size_t const row_bytes = 2 * sizeof(double) * static_cast<std::size_t>(std::max(N, 1));
     std::size_t const per_block = std::max<std::size_t>(1, record_block_bytes / row_bytes);
     std::vector<double> values(2 * std::min(per_block, std::max<std::size_t>(B, 1)) * static_cast<std::size_t>(N));
-    std::string text;
-    text.reserve(text_block_bytes + 4096);
+    // The text goes straight into one block: a line's start and an
+    // individual's three numbers each take well under 256 bytes (general_text
+    // asks for 64).
+    std::vector<char> block(text_block_bytes + 256);
+    char* const start = block.data();
+    char* text = start;
+    std::string head;
     for (std::size_t b0 = 0; b0 < B; b0 += per_block) {
         std::size_t const nb = std::min(per_block, B - b0);
         for (int n = 0; n < N; ++n)
             records.read(records.first() + n, layout.branches_at(p) + 2 * b0, 2 * nb, values.data() + 2 * nb * n);
         for (std::size_t b = 0; b < nb; ++b) {
-            append_number(text, position.branch_ids[b0 + b]);
-            text += ' ';
-            append_number(text, position.branch_lengths[b0 + b], 6);
-            text += ' ';
-            append_number(text, position.t, 6);
-            text += " A T ";
+            head.clear();
+            append_number(head, position.branch_ids[b0 + b]);
+            head += ' ';
+            append_number(head, position.branch_lengths[b0 + b], 6);
+            head += ' ';
+            append_number(head, position.t, 6);
+            head += " A T ";
+            if (text - start + head.size() >= text_block_bytes) {
+                out.write(start, text - start);
+                text = start;
+            }
+            text = std::copy(head.begin(), head.end(), text);
             for (int n = 0; n < N; ++n) {
                 double const both = values[2 * nb * n + 2 * b], one = values[2 * nb * n + 2 * b + 1];
-                append_number(text, both, 6);
-                text += ' ';
-                append_number(text, one, 6);
-                text += ' ';
-                append_number(text, 1 - both - one, 6);
-                text += ' ';
-                if (text.size() >= text_block_bytes) {
-                    out.write(text);
-                    text.clear();
+                text = general_text(text, both, 6);
+                *text++ = ' ';
+                text = general_text(text, one, 6);
+                *text++ = ' ';
+                text = general_text(text, 1 - both - one, 6);
+                *text++ = ' ';
+                if (text - start >= static_cast<std::ptrdiff_t>(text_block_bytes)) {
+                    out.write(start, text - start);
+                    text = start;
                 }
             }
-            text += '\n';
+            *text++ = '\n';
         }
     }
-    out.write(text);
+    out.write(start, text - start);
     out.finish();
 }
 
