@@ -170,6 +170,38 @@ TEST(Engine, MatchesBruteForceOverShapes) {
     }
 }
 
+// Branch sums from a copy of P, or (large K) from row sums taken without one,
+// give the bits of the sums read from P in place: random trees, and combs
+// leaning either way (the most row sums a tree can need).
+TEST(Engine, BranchSumsAreTheSameOnEveryRoute) {
+    std::mt19937_64 rng(11);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    for (int K : {150, 1100}) {
+        Vec P(tri_size(K)), m(K);
+        for (double& x : P) x = u(rng) * u(rng);
+        hmm_kernel::haplotype_probabilities(K, P.data(), m.data());
+        std::vector<hmm_kernel::BranchLayout> layouts = {ketra_test::random_layout(K, rng)};
+        for (bool leaf_first : {false, true}) {
+            std::vector<int> a(K, -1), b(K, -1);
+            for (int k = 1, below = 0; k < K; ++k, below = static_cast<int>(a.size()) - 1) {
+                a.push_back(leaf_first ? k : below);
+                b.push_back(leaf_first ? below : k);
+            }
+            layouts.emplace_back(K, a, b);
+        }
+        for (auto const& layout : layouts) {
+            int const nodes = layout.n_nodes();
+            Vec both(nodes), one(nodes), both_direct(nodes), one_direct(nodes), work(2 * nodes), copy(tri_size(K));
+            hmm_kernel::branch_probabilities(layout, P.data(), m.data(), both.data(), one.data(), work.data(),
+                                             copy.data());
+            hmm_kernel::branch_probabilities(layout, P.data(), m.data(), both_direct.data(), one_direct.data(),
+                                             work.data());
+            EXPECT_EQ(both, both_direct) << "K=" << K;
+            EXPECT_EQ(one, one_direct) << "K=" << K;
+        }
+    }
+}
+
 // A position with either distance 0 is taken as lying on its flank SNP: no carrying.
 TEST(Engine, PositionsOnAFlankSnpAreNotCarried) {
     Vec const F = {0.1, 0.2, 0.3, 0.05, 0.15, 0.2}, B = {0.3, 0.1, 0.2, 0.4, 0.25, 0.05};

@@ -495,18 +495,20 @@ BranchLayout::BranchLayout(int K_, std::vector<int> a, std::vector<int> b)
 
 namespace {
 
-// Q[p][q] = P(order[p], order[q]) for q < p, in the flat triangular layout.
-// Leaves are taken eight consecutive ids at a time. For leaf x of the block,
-// P(x, y) lies in row x of P for y <= x and in column x otherwise; the
-// columns of the block are copied first, one cache line of every later row
-// into a strip, so that the gather into the depth-first rows of Q reads rows
-// and strip in the caches instead of P at random.
-KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, double* Q, std::vector<double>& strip) {
+// Hands each leaf x, in order of id, with the whole of P's row x laid out
+// plainly (full[y] = P(x, y) for every y) to use(x, full). Leaves are taken
+// eight consecutive ids at a time. For leaf x of the block, P(x, y) lies in
+// row x of P for y <= x and in column x otherwise; the columns of the block
+// are copied first, one cache line of every later row into a strip, so that
+// the rows are built from rows and strip in the caches instead of from P at
+// random.
+template <class Use>
+KETRA_INLINE void for_each_full_row(BranchLayout const& layout, const double* P, std::vector<double>& strip,
+                                    Use const& use) {
     int const K = layout.K;
     constexpr int block = 8;
     strip.resize(static_cast<std::size_t>(block + 1) * K);
     double* full = strip.data() + static_cast<std::size_t>(block) * K;
-    const int* order = layout.order.data();
     for (int X = 0; X < K; X += block) {
         int const w = std::min(block, K - X);
         for (int y = X; y < K; ++y) {
@@ -529,21 +531,87 @@ KETRA_CLONES void reorder_pairs(BranchLayout const& layout, const double* P, dou
             const double* row = P + tri_offset(x);
             for (int y = 0; y <= x; ++y) full[y] = row[y];
             for (int y = x + 1; y < K; ++y) full[y] = strip[static_cast<std::size_t>(y) * block + u];
-            int const p = layout.rank[x];
-            double* out = Q + tri_offset(p);
-            for (int q = 0; q < p; ++q) out[q] = full[order[q]];
+            use(x, full);
         }
     }
+}
+
+// Q[p][q] = P(order[p], order[q]) for q < p, in the flat triangular layout.
+KETRA_INLINE void reorder_pairs(BranchLayout const& layout, const double* P, double* Q, std::vector<double>& strip) {
+    const int* order = layout.order.data();
+    for_each_full_row(layout, P, strip, [&](int x, const double* full) {
+        int const p = layout.rank[x];
+        double* out = Q + tri_offset(p);
+        for (int q = 0; q < p; ++q) out[q] = full[order[q]];
+    });
+}
+
+// Beyond this K, branch sums skip the copy of P (see leaf_row_sums).
+constexpr int copied_limit = 1024;
+
+// The row sums the branch sums add up, taken straight from each leaf's full
+// row, with no copy of P: for panels whose P is far beyond the caches, where
+// writing the copy and reading it back costs more than the sums. Leaf x at
+// depth-first place p lies under child b of each merge v above it that it
+// reaches through b; there, its row sum over child a's leaves (serial, in
+// depth-first order) goes to rows[start[v] + p - lo[b]]. The total is at most
+// K(K-1)/2 values, one per pair of leaves at most.
+KETRA_INLINE void leaf_row_sums(BranchLayout const& layout, const double* P, std::vector<int> const& parent,
+                                std::vector<std::size_t> const& start, double* rows, std::vector<double>& strip) {
+    const int* order = layout.order.data();
+    for_each_full_row(layout, P, strip, [&](int x, const double* full) {
+        int const p = layout.rank[x];
+        for (int c = x, v = parent[x]; v >= 0; c = v, v = parent[v]) {
+            int const b = layout.child_b[v];
+            if (b != c) continue;
+            int const a = layout.child_a[v];
+            double row = 0.0;
+            for (int q = layout.lo[a]; q < layout.hi[a]; ++q) row += full[order[q]];
+            rows[start[v] + (p - layout.lo[b])] = row;
+        }
+    });
 }
 
 }  // namespace
 
 namespace {
 
-// The branch sums, with pair(p, q) = P(order[p], order[q]) for q < p.
+// Sum over the pairs with one leaf under each child of merge v, with
+// pair(p, q) = P(order[p], order[q]) for q < p; a's leaves come before b's in
+// depth-first order. Each row's sum is serial and the rows are added in
+// order; four rows run side by side, so the additions overlap without
+// changing their order.
 template <class Pair>
+KETRA_INLINE double cross_sum(BranchLayout const& layout, int v, Pair const& pair) {
+    int const a = layout.child_a[v], b = layout.child_b[v];
+    double cross = 0.0;
+    int const qa = layout.lo[a], qb = layout.hi[a];
+    int p = layout.lo[b];
+    for (; p + 4 <= layout.hi[b]; p += 4) {
+        double r0 = 0.0, r1 = 0.0, r2 = 0.0, r3 = 0.0;
+        for (int q = qa; q < qb; ++q) {
+            r0 += pair(p, q);
+            r1 += pair(p + 1, q);
+            r2 += pair(p + 2, q);
+            r3 += pair(p + 3, q);
+        }
+        cross += r0;
+        cross += r1;
+        cross += r2;
+        cross += r3;
+    }
+    for (; p < layout.hi[b]; ++p) {
+        double row = 0.0;
+        for (int q = qa; q < qb; ++q) row += pair(p, q);
+        cross += row;
+    }
+    return cross;
+}
+
+// The branch sums, with cross_of(v) the sum cross_sum gives for merge v.
+template <class Cross>
 KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const double* m, double* both, double* one,
-                              double* work, Pair const& pair) {
+                              double* work, Cross const& cross_of) {
     int const n = layout.n_nodes();
     double* W = work;      // ordered-pair sum of P within the node's leaves
     double* S = work + n;  // sum of m over the node's leaves
@@ -552,33 +620,9 @@ KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const
             W[v] = P[tri_offset(v) + v];
             S[v] = m[v];
         } else {
+            // Pairs with one leaf under each child meet at this node only.
             int const a = layout.child_a[v], b = layout.child_b[v];
-            // Pairs with one leaf under each child meet at this node only;
-            // a's leaves come before b's in depth-first order. Each row's sum
-            // is serial and the rows are added in order; four rows run side
-            // by side, so the additions overlap without changing their order.
-            double cross = 0.0;
-            int const qa = layout.lo[a], qb = layout.hi[a];
-            int p = layout.lo[b];
-            for (; p + 4 <= layout.hi[b]; p += 4) {
-                double r0 = 0.0, r1 = 0.0, r2 = 0.0, r3 = 0.0;
-                for (int q = qa; q < qb; ++q) {
-                    r0 += pair(p, q);
-                    r1 += pair(p + 1, q);
-                    r2 += pair(p + 2, q);
-                    r3 += pair(p + 3, q);
-                }
-                cross += r0;
-                cross += r1;
-                cross += r2;
-                cross += r3;
-            }
-            for (; p < layout.hi[b]; ++p) {
-                double row = 0.0;
-                for (int q = qa; q < qb; ++q) row += pair(p, q);
-                cross += row;
-            }
-            W[v] = (W[a] + W[b]) + 2.0 * cross;
+            W[v] = (W[a] + W[b]) + 2.0 * cross_of(v);
             S[v] = S[a] + S[b];
         }
         both[v] = W[v];
@@ -590,16 +634,43 @@ KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const
 
 KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
                                        double* one, double* work, double* reordered) {
+    int const K = layout.K;
+    if (reordered && K > copied_limit) {
+        thread_local std::vector<double> strip;
+        thread_local std::vector<int> parent;
+        thread_local std::vector<std::size_t> start;
+        int const n = layout.n_nodes();
+        parent.assign(n, -1);
+        start.assign(n, 0);
+        std::size_t used = 0;
+        for (int v = K; v < n; ++v) {
+            parent[layout.child_a[v]] = parent[layout.child_b[v]] = v;
+            start[v] = used;
+            used += static_cast<std::size_t>(layout.hi[layout.child_b[v]] - layout.lo[layout.child_b[v]]);
+        }
+        leaf_row_sums(layout, P, parent, start, reordered, strip);
+        // The rows of each merge, added in depth-first order as cross_sum does.
+        branch_sums(layout, P, m, both, one, work, [&](int v) {
+            int const b = layout.child_b[v];
+            double cross = 0.0;
+            for (int t = 0; t < layout.hi[b] - layout.lo[b]; ++t) cross += reordered[start[v] + t];
+            return cross;
+        });
+        return;
+    }
     if (reordered) {
         thread_local std::vector<double> strip;
         reorder_pairs(layout, P, reordered, strip);
-        branch_sums(layout, P, m, both, one, work,
-                    [reordered](int p, int q) { return reordered[tri_offset(p) + q]; });
+        branch_sums(layout, P, m, both, one, work, [&](int v) {
+            return cross_sum(layout, v, [reordered](int p, int q) { return reordered[tri_offset(p) + q]; });
+        });
     } else {
         const int* order = layout.order.data();
-        branch_sums(layout, P, m, both, one, work, [P, order](int p, int q) {
-            int const x = order[p], y = order[q];
-            return P[x > y ? tri_offset(x) + y : tri_offset(y) + x];
+        branch_sums(layout, P, m, both, one, work, [&](int v) {
+            return cross_sum(layout, v, [P, order](int p, int q) {
+                int const x = order[p], y = order[q];
+                return P[x > y ? tri_offset(x) + y : tri_offset(y) + x];
+            });
         });
     }
 }
