@@ -126,10 +126,11 @@ struct BranchLayout {
 // For every node of the layout: both[n] = probability that both copies descend
 // from the node's branch, one[n] = probability that exactly one does. P is the
 // pair posterior, m its haplotype probabilities. work must hold 2 * n_nodes
-// doubles. O(K^2) for the whole tree. With reordered (K(K+1)/2 doubles), P is
-// first copied there in depth-first leaf order, so that the sums read memory
-// in sequence rather than at random: much faster once P outgrows the caches,
-// with the same bits.
+// doubles. O(K^2) for the whole tree. With reordered (K(K+1)/2 doubles of
+// room), P is first copied there in depth-first leaf order, so that the sums
+// read memory in sequence rather than at random; for large K the room holds
+// the row sums instead, taken without the copy. Either way much faster, with
+// the same bits.
 void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
                           double* one, double* work, double* reordered = nullptr);
 
