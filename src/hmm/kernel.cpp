@@ -450,7 +450,7 @@ BranchLayout::BranchLayout(int K_, std::vector<int> a, std::vector<int> b)
     int const n = static_cast<int>(child_a.size());
     if (K < 0 || n < K || static_cast<int>(child_b.size()) != n)
         throw std::invalid_argument("tree layout: node table does not cover the leaves");
-    std::vector<int> parent(n, -1);
+    parent.assign(n, -1);
     for (int v = 0; v < n; ++v) {
         bool const leaf = v < K;
         if (leaf != (child_a[v] < 0) || leaf != (child_b[v] < 0))
@@ -491,6 +491,12 @@ BranchLayout::BranchLayout(int K_, std::vector<int> a, std::vector<int> b)
     }
     rank.assign(K, 0);
     for (int p = 0; p < K; ++p) rank[order[p]] = p;
+    row_start.assign(n, 0);
+    std::size_t used = 0;
+    for (int v = K; v < n; ++v) {
+        row_start[v] = used;
+        used += static_cast<std::size_t>(hi[child_b[v]] - lo[child_b[v]]);
+    }
 }
 
 namespace {
@@ -554,20 +560,18 @@ constexpr int copied_limit = 1024;
 // writing the copy and reading it back costs more than the sums. Leaf x at
 // depth-first place p lies under child b of each merge v above it that it
 // reaches through b; there, its row sum over child a's leaves (serial, in
-// depth-first order) goes to rows[start[v] + p - lo[b]]. The total is at most
-// K(K-1)/2 values, one per pair of leaves at most.
-KETRA_INLINE void leaf_row_sums(BranchLayout const& layout, const double* P, std::vector<int> const& parent,
-                                std::vector<std::size_t> const& start, double* rows, std::vector<double>& strip) {
+// depth-first order) goes to rows[row_start[v] + p - lo[b]].
+KETRA_INLINE void leaf_row_sums(BranchLayout const& layout, const double* P, double* rows, std::vector<double>& strip) {
     const int* order = layout.order.data();
     for_each_full_row(layout, P, strip, [&](int x, const double* full) {
         int const p = layout.rank[x];
-        for (int c = x, v = parent[x]; v >= 0; c = v, v = parent[v]) {
+        for (int c = x, v = layout.parent[x]; v >= 0; c = v, v = layout.parent[v]) {
             int const b = layout.child_b[v];
             if (b != c) continue;
             int const a = layout.child_a[v];
             double row = 0.0;
             for (int q = layout.lo[a]; q < layout.hi[a]; ++q) row += full[order[q]];
-            rows[start[v] + (p - layout.lo[b])] = row;
+            rows[layout.row_start[v] + (p - layout.lo[b])] = row;
         }
     });
 }
@@ -637,23 +641,13 @@ KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double*
     int const K = layout.K;
     if (reordered && K > copied_limit) {
         thread_local std::vector<double> strip;
-        thread_local std::vector<int> parent;
-        thread_local std::vector<std::size_t> start;
-        int const n = layout.n_nodes();
-        parent.assign(n, -1);
-        start.assign(n, 0);
-        std::size_t used = 0;
-        for (int v = K; v < n; ++v) {
-            parent[layout.child_a[v]] = parent[layout.child_b[v]] = v;
-            start[v] = used;
-            used += static_cast<std::size_t>(layout.hi[layout.child_b[v]] - layout.lo[layout.child_b[v]]);
-        }
-        leaf_row_sums(layout, P, parent, start, reordered, strip);
+        leaf_row_sums(layout, P, reordered, strip);
         // The rows of each merge, added in depth-first order as cross_sum does.
         branch_sums(layout, P, m, both, one, work, [&](int v) {
             int const b = layout.child_b[v];
+            const double* rows = reordered + layout.row_start[v];
             double cross = 0.0;
-            for (int t = 0; t < layout.hi[b] - layout.lo[b]; ++t) cross += reordered[start[v] + t];
+            for (int t = 0; t < layout.hi[b] - layout.lo[b]; ++t) cross += rows[t];
             return cross;
         });
         return;

@@ -115,6 +115,10 @@ struct BranchLayout {
     std::vector<int> lo, hi;            // leaves of a node: order[lo .. hi)
     std::vector<int> order;             // leaves in depth-first order
     std::vector<int> rank;              // per leaf: its place in order
+    std::vector<int> parent;            // per node; -1 for a root
+    // Per merge: where its row sums start when they are taken without a
+    // copy of P (one per leaf under child_b; K(K-1)/2 at most in all).
+    std::vector<std::size_t> row_start;
 
     BranchLayout() = default;
     // child_a / child_b per node id; throws std::invalid_argument when they do
