@@ -576,10 +576,6 @@ KETRA_INLINE void leaf_row_sums(BranchLayout const& layout, const double* P, dou
     });
 }
 
-}  // namespace
-
-namespace {
-
 // Sum over the pairs with one leaf under each child of merge v, with
 // pair(p, q) = P(order[p], order[q]) for q < p; a's leaves come before b's in
 // depth-first order. Each row's sum is serial and the rows are added in

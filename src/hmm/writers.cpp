@@ -100,24 +100,21 @@ void write_pardo_file(result_file_reader const& records, result_layout const& la
     std::vector<char> block(text_block_bytes + 256);
     char* const start = block.data();
     char* text = start;
-    std::string head;
     for (std::size_t b0 = 0; b0 < B; b0 += per_block) {
         std::size_t const nb = std::min(per_block, B - b0);
         for (int n = 0; n < N; ++n)
             records.read(records.first() + n, layout.branches_at(p) + 2 * b0, 2 * nb, values.data() + 2 * nb * n);
         for (std::size_t b = 0; b < nb; ++b) {
-            head.clear();
-            append_number(head, position.branch_ids[b0 + b]);
-            head += ' ';
-            append_number(head, position.branch_lengths[b0 + b], 6);
-            head += ' ';
-            append_number(head, position.t, 6);
-            head += " A T ";
-            if (text - start + head.size() >= text_block_bytes) {
+            if (text - start >= static_cast<std::ptrdiff_t>(text_block_bytes)) {  // lines without individuals
                 out.write(start, text - start);
                 text = start;
             }
-            text = std::copy(head.begin(), head.end(), text);
+            text = std::to_chars(text, text + 16, position.branch_ids[b0 + b]).ptr;
+            *text++ = ' ';
+            text = general_text(text, position.branch_lengths[b0 + b], 6);
+            *text++ = ' ';
+            text = general_text(text, position.t, 6);
+            text = std::copy_n(" A T ", 5, text);
             for (int n = 0; n < N; ++n) {
                 double const both = values[2 * nb * n + 2 * b], one = values[2 * nb * n + 2 * b + 1];
                 text = general_text(text, both, 6);
