@@ -80,7 +80,12 @@ inline void place_snps_from(data& store, std::string const& text, int column, in
         s.hap_frequency = 0.3;
         s.genotype_frequency = 0.8;
         s.genotypes.assign(individuals, 1);
-        s.genotype_probs.assign(individuals, std::vector<double>{0.1, 0.8, 0.1});
+        std::vector<double> const probs = [&] {
+            std::vector<double> p;
+            for (int i = 0; i < individuals; ++i) p.insert(p.end(), {0.1, 0.8, 0.1});
+            return p;
+        }();
+        s.genotype_probs.assign(probs.data(), static_cast<std::size_t>(individuals));
     }
     store.n_individuals = individuals;
 }

@@ -75,7 +75,18 @@ split_run() {  # split_run NAME EXTRA-FLAGS...
 split_run positions
 split_run one_position -int 1200 1300
 
-targets=(tree_parser tree_map genotypes panel genetic_map strand samples snp_exclusions command_line partial_results)
+# Numbers as the genotype files write them, and the tokens where formatted
+# extraction parses only part of a field or fails.
+{ printf '\370'; head -c 3000 "$small/study.gen"; } | seed field_reader small
+{
+    printf '\377'
+    printf '%s\n' '0 1 0.5 -0 +1 .5 5. 1e5 1E-05 1e 1e+ 1e-400 1e400 4.9e-324 2.2250738585072014e-308' \
+        '0x1p3 nan inf -inf 1.5abc --1 1,5 00001 9007199254740993 0.1000000000000000055511151231257827' \
+        '1e5x 12345678901234567890123456789 .e1 -. + - 7' 'a b 3.0 c d 0.3 0.3 0.4 ' '  tail 1 2 3 4'
+} | seed field_reader adversarial
+
+targets=(tree_parser tree_map genotypes panel genetic_map strand samples snp_exclusions command_line partial_results
+         field_reader)
 status=0
 run_target() {
     local t=$1 corpus="$build/corpus/$1"

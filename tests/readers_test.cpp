@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "data/data.h"
 #include "support/test_support.h"
 #include "trees/tree.h"
 
@@ -107,6 +110,68 @@ TEST(Readers, GenotypesPlainAndGzip) {
             cases.push_back({{{name, rows[0].first}}, name, "not in gzip format.", {"-g", name}, true});
         SCOPED_TRACE(name);
         expect_failures(cases);
+    }
+}
+
+// The rows the store keeps of each SNP: every individual, or a split run's
+// slice (none for a merge), with the same doubles, calls and frequencies as
+// formatted extraction of the whole line gives; odd number texts included.
+TEST(Readers, GenotypeRowsHoldTheRunsSliceExactly) {
+    std::vector<std::string> const tokens = {"0.1", "1e-05", ".5", "5.", "0.333333", "+0.2", "00.7", "1", "0",
+                                             "0.9", "1E-1", "-0", "0.30000000000000004", "2.5e-310"};
+    int const N = 40;  // enough for the rows' compact coding
+    std::string text;
+    std::map<double, std::vector<double>> expected;  // as the stream reads each line
+    for (int s = 0; s < 4; ++s) {
+        std::string line = "SNP" + std::to_string(1000 + 100 * s) + " rs" + std::to_string(s + 1) + " " +
+                           std::to_string(1000 + 100 * s) + " A G";
+        for (int v = 0; v < 3 * N; ++v) line += (v % 5 == 4 ? "\t" : " ") + tokens[(7 * s + 3 * v) % tokens.size()];
+        std::istringstream stream(line);
+        std::string skip;
+        stream >> skip >> skip >> skip >> skip >> skip;
+        for (double x; stream >> x;) expected[1000 + 100 * s].push_back(x);
+        text += line + (s == 1 ? " \n" : "\n");
+    }
+    struct Row { std::vector<std::string> flags; int chunk_i, chunk_n, first, last; };
+    std::vector<Row> const rows = {
+        {{}, 0, 0, 0, N},           {{"-chunk"}, 1, 3, 0, 13},    {{"-chunk"}, 3, 3, 26, 40},
+        {{"-chunk"}, 1, 50, 0, 0},  {{"-merge"}, 0, 0, 0, 0},     {{"-chunk", "-snp_info"}, 2, 3, 0, N},
+        {{"-chunk", "-exclude_samples"}, 2, 3, 0, N},
+    };
+    TempDir dir;
+    for (std::string const name : {"study.gen", "study.gen.gz"}) {
+        write_file(dir.file(name), text, name == "study.gen.gz");
+        for (Row const& row : rows) {
+            SCOPED_TRACE(name + " " + (row.flags.empty() ? "" : row.flags.back()) + " " + std::to_string(row.chunk_i));
+            data d;
+            d.parameters.genotype_file = dir.file(name);
+            d.parameters.lower = 0, d.parameters.upper = 1e12, d.parameters.call_thresh = 0.9;
+            d.parameters.flags_seen.insert(row.flags.begin(), row.flags.end());
+            d.parameters.chunk_index = row.chunk_i, d.parameters.chunk_count = row.chunk_n;
+            for (auto const& entry : expected) d.snps[entry.first].rs_id = "rs";
+            d.read_genotype_data();
+            ASSERT_EQ(d.n_individuals, N);
+            EXPECT_EQ(d.first_held, row.first);
+            for (auto const& [position, values] : expected) {
+                snp const& s = d.snps[position];
+                ASSERT_EQ(s.genotypes.size(), static_cast<std::size_t>(row.last - row.first));
+                ASSERT_EQ(s.genotype_probs.size(), s.genotypes.size());
+                double sum = 0, called = 0;
+                for (int n = 0; n < N; ++n) {
+                    double const* p = &values[3 * n];
+                    int best = p[1] > p[0] ? 1 : 0;
+                    if (p[2] > p[best]) best = 2;
+                    int const call = p[best] >= 0.9 ? best : 3;
+                    if (call != 3) sum += call, called += 1;
+                    if (n < row.first || n >= row.last) continue;
+                    EXPECT_EQ(std::memcmp(s.genotype_probs[n - row.first], p, 3 * sizeof(double)), 0) << n;
+                    EXPECT_EQ(s.genotypes[n - row.first], call) << n;
+                }
+                double const frequency = sum / (2 * called);  // over everybody, whatever is held
+                EXPECT_TRUE(std::memcmp(&s.genotype_frequency, &frequency, sizeof frequency) == 0 ||
+                            (std::isnan(frequency) && std::isnan(s.genotype_frequency)));
+            }
+        }
     }
 }
 

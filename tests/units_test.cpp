@@ -10,6 +10,7 @@
 
 #include "app/progress.h"
 #include "data/data.h"
+#include "io/field_reader.h"
 #include "io/number_text.h"
 
 // Reversed coding is predicted when the frequencies are more than 0.2 apart
@@ -31,15 +32,17 @@ TEST(StrandPrediction, ReversesOnlyClearlyMismatchedFrequencies) {
         s.strand = rows[i].strand;
         s.data_type = 2;
         s.genotypes = {0, 2, 3};
-        s.genotype_probs = {{0.9, 0.1, 0.0}, {0.0, 0.05, 0.95}, {0.3, 0.3, 0.4}};
+        double const probs[] = {0.9, 0.1, 0.0, 0.0, 0.05, 0.95, 0.3, 0.3, 0.4};
+        s.genotype_probs.assign(probs, 3);
     }
     d.read_strand_data();
     for (std::size_t i = 0; i < rows.size(); ++i) {
         snp const& s = d.snps[i];
         bool const reversed = rows[i].reversed;
         EXPECT_EQ(s.strand, reversed ? "f" : rows[i].strand) << rows[i].r << " " << rows[i].g;
-        EXPECT_EQ(s.genotypes, (reversed ? std::vector<int>{2, 0, 3} : std::vector<int>{0, 2, 3}));
-        EXPECT_EQ(s.genotype_probs[2], (reversed ? std::vector<double>{0.4, 0.3, 0.3} : std::vector<double>{0.3, 0.3, 0.4}));
+        EXPECT_TRUE(s.genotypes == (reversed ? genotype_calls{2, 0, 3} : genotype_calls{0, 2, 3}));
+        EXPECT_EQ(std::vector<double>(s.genotype_probs[2], s.genotype_probs[2] + 3),
+                  (reversed ? std::vector<double>{0.4, 0.3, 0.3} : std::vector<double>{0.3, 0.3, 0.4}));
         EXPECT_NEAR(s.genotype_frequency, reversed ? 1 - rows[i].g : rows[i].g, 1e-15);
     }
 }
@@ -94,4 +97,98 @@ TEST(Parameters, SwitchesAndRepeatedFlags) {
     EXPECT_TRUE(p.detail && p.print_matrix && !p.tavlo_input);
     EXPECT_EQ(p.buffer, 250);
     EXPECT_EQ(p.genotype_file.string(), "g2");
+}
+
+// The genotype lines' field reader reads what formatted extraction reads, with
+// the same end-of-line and failure states: plain numbers on the direct path,
+// everything else (partial parses, overflow, hex, words) through the stream.
+TEST(FieldReader, ReadsWhatTheStreamReads) {
+    struct Row { std::string line; std::string kinds; };  // 's' string, 'd' double per read
+    std::vector<Row> const rows = {
+        {"SNP1 rs1 1000 A G 0 1 0.5", "sssssddd"},  {"a b 12.5", "ssd"},            {"  0.25\t-3  ", "ddd"},
+        {"1e-05 1E5 -0 +7 007", "ddddd"},          {"1.5abc 2", "ddd"},             {"1e 2", "dd"},
+        {"1e+ 3", "dd"},                            {"1e400 5", "dd"},               {"-1e400", "d"},
+        {"1e-400 4.9e-324 2.2250738585072014e-308", "ddd"},                         {"0x1p3 4", "ddd"},
+        {"nan 1", "dd"},                            {"inf", "d"},                    {".5 5. .e1", "ddd"},
+        {"--1", "d"},                               {"1,5 2", "ddd"},                {"9007199254740993", "d"},
+        {"0.1000000000000000055511151231257827 12345678901234567890123456789", "dd"},
+        {"", "sd"},                                 {"x", "dd"},                     {"1 2 x", "dddd"},
+        {"1e5x 2", "dsd"},                          {"- + 7", "ddd"},
+    };
+    for (Row const& row : rows) {
+        field_reader fast(row.line);
+        std::istringstream stream(row.line);
+        for (std::size_t k = 0; k < row.kinds.size(); ++k) {
+            SCOPED_TRACE("\"" + row.line + "\" read " + std::to_string(k));
+            bool ok_fast = false, ok_stream = false;
+            if (row.kinds[k] == 'd') {
+                double a = 99, b = 99;
+                ok_fast = fast.read(a);
+                ok_stream = static_cast<bool>(stream >> b);
+                EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0) << std::hexfloat << a << " " << b;
+            } else {
+                std::string a = "?", b = "?";
+                ok_fast = fast.read(a);
+                ok_stream = static_cast<bool>(stream >> b);
+                EXPECT_EQ(a, b);
+            }
+            EXPECT_EQ(ok_fast, ok_stream);
+            EXPECT_EQ(fast.eof(), stream.eof());
+            EXPECT_EQ(fast.fail(), stream.fail());
+        }
+    }
+    // Plain numbers take the direct path; anything else is left to the stream.
+    std::vector<std::pair<std::string, bool>> const plain = {
+        {"0", true},    {"1", true},      {"0.6", true},  {"-0.25", true}, {"+3", true},  {"1e-05", true},
+        {"12.5E+2", true}, {".5", false}, {"5.", false},  {"1e", false},   {"nan", false}, {"1e400", false},
+        {"1e-400", false}, {"4.9e-324", false}, {"0x1", false}, {"1.5a", false}, {"", false}, {"-", false},
+    };
+    for (auto const& [token, accepted] : plain) {
+        double v = 0;
+        EXPECT_EQ(plain_decimal_value(token.data(), token.data() + token.size(), v), accepted) << token;
+    }
+}
+
+// The rows' compact coding: one- and two-byte indices of distinct triples, or
+// plain triples when there are too many or too few individuals; every value
+// reads back bit for bit, also after reversing some or all individuals and
+// dropping some.
+TEST(ProbabilityRows, CodingReadsBackExactly) {
+    struct Row { std::size_t count, distinct; std::size_t bytes; };
+    std::vector<Row> const rows = {
+        {1000, 3, 500 + 3 * 24},  {1001, 16, 501 + 16 * 24}, {1001, 17, 1001 + 17 * 24}, {1000, 300, 2000 + 300 * 24},
+        {70000, 66000, 70000 * 24}, {5, 5, 5 * 24},         {0, 0, 0},                    {3000, 1, 1500 + 24},
+    };
+    std::mt19937 rng(7);
+    for (Row const& row : rows) {
+        SCOPED_TRACE(std::to_string(row.count) + " individuals, " + std::to_string(row.distinct) + " triples");
+        std::vector<double> triples;
+        for (std::size_t i = 0; i < row.count; ++i) {
+            std::size_t const t = i < row.distinct ? i : rng() % row.distinct;
+            // Triples that differ only in a zero's sign or in the last bit stay apart.
+            double const b = t % 4 < 2 ? 0.5 : std::nextafter(0.5, 1.0);
+            triples.insert(triples.end(), {t % 2 ? -0.0 : 0.0, b, static_cast<double>(t / 4)});
+        }
+        auto expect_rows = [&](probability_triples const& got, std::vector<double> const& want) {
+            ASSERT_EQ(got.size(), want.size() / 3);
+            for (std::size_t i = 0; i < got.size(); ++i)
+                ASSERT_EQ(std::memcmp(got[i], &want[3 * i], 3 * sizeof(double)), 0) << i;
+        };
+        probability_triples p;
+        p.assign(triples.data(), row.count);
+        EXPECT_EQ(p.bytes(), row.bytes);
+        expect_rows(p, triples);
+        for (std::size_t reversed : {row.count, row.count / 3}) {
+            probability_triples q = p;
+            std::vector<double> want = triples;
+            for (std::size_t i = 0; i < reversed; ++i) std::swap(want[3 * i], want[3 * i + 2]);
+            q.reverse_first(reversed);
+            expect_rows(q, want);
+            std::vector<double> kept;
+            for (std::size_t i = 0; i < row.count; ++i)
+                if (i % 3 != 1) kept.insert(kept.end(), &want[3 * i], &want[3 * i + 3]);
+            q.keep_if([](std::size_t i) { return i % 3 != 1; });
+            expect_rows(q, kept);
+        }
+    }
 }

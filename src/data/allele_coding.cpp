@@ -5,10 +5,9 @@
 
 void reverse_allele_coding(snp& s, std::size_t individuals) {
     std::size_t const n = std::min({individuals, s.genotypes.size(), s.genotype_probs.size()});
-    for (std::size_t i = 0; i < n; ++i) {
-        if (s.genotypes[i] != 3) s.genotypes[i] = 2 - s.genotypes[i];
-        std::reverse(s.genotype_probs[i].begin(), s.genotype_probs[i].end());
-    }
+    for (std::size_t i = 0; i < n; ++i)
+        if (s.genotypes[i] != 3) s.genotypes.set(i, static_cast<std::uint8_t>(2 - s.genotypes[i]));
+    s.genotype_probs.reverse_first(n);
     s.genotype_frequency = 1.0 - s.genotype_frequency;
 }
 

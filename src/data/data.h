@@ -30,6 +30,9 @@ public:
     std::vector<std::string> excluded_sample_ids;
     int n_haplotypes = -1;
     int n_individuals = -1;
+    // The genotype rows of every SNP hold individuals first_held,
+    // first_held + 1, ...: all of them, or only a split run's slice.
+    int first_held = 0;
     std::map<double, snp> snps;
     std::vector<std::vector<double>> mutation_matrix;
 
@@ -50,6 +53,11 @@ public:
     // returns how many records were removed.
     int remove_excluded_snps();
     void write_aux_file() const;
+    // The individuals [first, last) of N whose genotypes the store keeps: a
+    // chunk run only its slice and a merge run none, unless the SNP
+    // information file (every individual's calls) or sample exclusions (which
+    // renumber the individuals after reading) need them all.
+    std::pair<int, int> held_individuals(int N) const;
     // Under -strict a file that is always read as plain text but starts with
     // the gzip magic bytes is an error rather than a page of noise.
     void refuse_compressed(std::string const& file) const;

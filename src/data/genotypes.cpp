@@ -1,27 +1,37 @@
 // The genotype-probability file: one SNP per line, three probabilities per
 // individual, plain or gzip.
+#include <cstdint>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "io/console.h"
 #include "data/data.h"
+#include "io/console.h"
+#include "io/field_reader.h"
 #include "io/text_stream.h"
 
 namespace {
 
 // Index of the largest probability (the lowest index wins a tie), or 3 when
 // that probability is below the call threshold.
-int call_genotype(std::vector<double> const& p, double threshold) {
+std::uint8_t call_genotype(double const* p, double threshold) {
     int best = 0;
     if (p[1] > p[best]) best = 1;
     if (p[2] > p[best]) best = 2;
-    return p[best] >= threshold ? best : 3;
+    return static_cast<std::uint8_t>(p[best] >= threshold ? best : 3);
 }
 
 }  // namespace
+
+std::pair<int, int> data::held_individuals(int N) const {
+    bool const all = parameters.seen("-snp_info") || parameters.seen("-exclude_samples");
+    if (!all && parameters.seen("-merge")) return {0, 0};
+    if (!all && parameters.seen("-chunk") && parameters.chunk_index >= 1 &&
+        parameters.chunk_index <= parameters.chunk_count)
+        return chunk_individuals(parameters.chunk_index, parameters.chunk_count, N);
+    return {0, N};
+}
 
 void data::read_genotype_data() {
     boost::filesystem::path const& path = parameters.genotype_file;
@@ -34,66 +44,88 @@ void data::read_genotype_data() {
     std::unique_ptr<std::istream> in = open_text_input(path);
     if (!in) throw badfilename(name, " can't opened file.");
 
+    // The held individuals' triples and calls of one line; everybody's calls
+    // count towards the frequency as they are read.
     std::string line;
     int line_no = 0;
     int kept = 0;
-    std::vector<std::vector<double>> probs;
-    std::vector<int> calls;
+    std::vector<double> probs;
+    std::vector<std::uint8_t> calls;
+    std::pair<int, int> held{0, 0};
+    std::string snp_id, rs_id, allele_a, allele_b;
     while (read_text_line(*in, line)) {
         ++line_no;
-        std::istringstream ls(line);
-        std::string snp_id, rs_id, allele_a, allele_b;
+        field_reader fields(line);
         double position = 0.0;
-        ls >> snp_id >> rs_id >> position;
+        fields.read(snp_id) && fields.read(rs_id) && fields.read(position);
         if (position > upper) break;
         if (position < lower) continue;
         auto found = snps.find(position);
         if (found == snps.end()) continue;
 
-        ls >> allele_a >> allele_b;
-        if (!ls.good())
+        fields.read(allele_a) && fields.read(allele_b);
+        if (!fields.good())
             throw badfilename(name, "Genotype file do not have SNP information in right format on line " +
                                         std::to_string(line_no));
 
-        probs.clear();
-        calls.clear();
-        while (true) {
-            std::vector<double> triple(3, 0.0);
-            ls >> triple[0];
-            // The end of the line reached while reading a triple's first value
-            // ends the line; a lone number there is ignored.
-            if (ls.eof()) break;
-            ls >> triple[1] >> triple[2];
-            if (ls.fail())
-                throw badfilename(name, "Genotype file do not have the genotype information in right format on line " +
-                                            std::to_string(line_no));
-            calls.push_back(call_genotype(triple, parameters.call_thresh));
-            probs.push_back(std::move(triple));
-        }
-
-        int const n = static_cast<int>(probs.size());
+        // Everybody's calls count towards the frequency as they are read;
+        // only the held individuals' triples and calls are kept.
+        double sum = 0.0, called = 0.0;
+        auto read_triples = [&](field_reader& from, bool keep) {
+            probs.clear();
+            calls.clear();
+            sum = called = 0.0;
+            int n = 0;
+            for (;; ++n) {
+                double triple[3] = {0.0, 0.0, 0.0};
+                from.read(triple[0]);
+                // The end of the line reached while reading a triple's first
+                // value ends the line; a lone number there is ignored.
+                if (from.eof()) break;
+                from.read(triple[1]) && from.read(triple[2]);
+                if (from.fail())
+                    throw badfilename(name,
+                                      "Genotype file do not have the genotype information in right format on line " +
+                                          std::to_string(line_no));
+                std::uint8_t const call = call_genotype(triple, parameters.call_thresh);
+                if (call != 3) {
+                    sum += call;
+                    called += 1.0;
+                }
+                if (!keep || n < held.first || n >= held.second) continue;
+                calls.push_back(call);
+                probs.insert(probs.end(), triple, triple + 3);
+            }
+            return n;
+        };
+        int const n = read_triples(fields, n_individuals != -1);
         if (n_individuals != -1 && n_individuals != n)
             throw badfilename(name, "Genotype file have different individuals " + std::to_string(n_individuals) +
                                         " and " + std::to_string(n) + " on lines " + std::to_string(line_no) +
                                         " and " + std::to_string(line_no - 1));
+        if (n_individuals == -1) {
+            // The first kept line gives the count, and so the slice to keep:
+            // that line is read once more for it.
+            held = held_individuals(n);
+            first_held = held.first;
+            field_reader again(line);
+            std::string skip;
+            for (int k = 0; k < 5; ++k) again.read(skip);
+            read_triples(again, true);
+        }
         n_individuals = n;
 
-        double sum = 0.0, called = 0.0;
-        for (int c : calls) {
-            if (c == 3) continue;
-            sum += c;
-            called += 1.0;
-        }
         // No call at all gives 0/0: the frequency is left not-a-number.
         double const frequency = sum / (2.0 * called);
 
         snp& s = found->second;
         if (rs_id != s.rs_id) std::cout << "rs #'s don't agree : " << s.rs_id << " " << rs_id << std::endl;
+        std::size_t const count = static_cast<std::size_t>(held.second - held.first);
         s.snp_id = snp_id;
         s.genotype_allele_a = allele_a;
         s.genotype_allele_b = allele_b;
-        s.genotype_probs = std::move(probs);
-        s.genotypes = std::move(calls);
+        s.genotype_probs.assign(probs.data(), count);
+        s.genotypes.assign(calls.data(), calls.data() + calls.size());
         s.genotype_frequency = frequency;
         s.data_type = 2;
         ++kept;

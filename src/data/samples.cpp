@@ -1,9 +1,11 @@
 // The sample file and the removal of excluded individuals.
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "io/console.h"
 #include "data/data.h"
@@ -61,16 +63,20 @@ void data::apply_sample_exclusions() {
         auto found = sample_index.find(id);
         if (found != sample_index.end()) columns.insert(found->second);
     }
-    // Largest index first, so the smaller ones still point at the same individuals.
-    for (auto it = columns.rbegin(); it != columns.rend(); ++it) {
-        std::size_t const i = static_cast<std::size_t>(*it);
-        for (auto& entry : snps) {
-            snp& s = entry.second;
-            if (i < s.genotypes.size()) s.genotypes.erase(s.genotypes.begin() + i);
-            if (i < s.genotype_probs.size()) s.genotype_probs.erase(s.genotype_probs.begin() + i);
-        }
-        --n_individuals;
+    // Every SNP's rows close up over the excluded individuals in one pass
+    // (the store holds all of them when samples are excluded).
+    std::vector<bool> excluded;
+    for (int column : columns) {
+        if (static_cast<std::size_t>(column) >= excluded.size()) excluded.resize(column + 1, false);
+        excluded[column] = true;
     }
+    auto is_kept = [&](std::size_t i) { return i >= excluded.size() || !excluded[i]; };
+    for (auto& entry : snps) {
+        snp& s = entry.second;
+        s.genotypes.keep_if(is_kept);
+        s.genotype_probs.keep_if(is_kept);
+    }
+    n_individuals -= static_cast<int>(columns.size());
     std::cout << "done" << std::endl;
     print_count(std::cout, "number of excluded sample ids in sample file: ", columns.size());
     print_count(std::cout, "number of individuals remaining for clustering: ", n_individuals);

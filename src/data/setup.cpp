@@ -2,7 +2,7 @@
 // panel's strand and labels, then derive the emission matrix and switch rates.
 #include <algorithm>
 #include <iostream>
-#include <map>
+#include <iterator>
 #include <utility>
 
 #include "data/allele_coding.h"
@@ -10,10 +10,8 @@
 
 void data::setup() {
     std::cout << std::endl << "Not including data at SNPs with no genotypes" << std::endl;
-    std::map<double, snp> genotyped;
-    for (auto& entry : snps)
-        if (entry.second.data_type == 2) genotyped.emplace(entry.first, std::move(entry.second));
-    snps = std::move(genotyped);
+    // In place: the records keep their rows, nothing is copied.
+    for (auto it = snps.begin(); it != snps.end();) it = it->second.data_type == 2 ? std::next(it) : snps.erase(it);
 
     int left = 0, right = 0, inside = 0;
     for (auto const& entry : snps) {

@@ -17,7 +17,8 @@ void data::output_snp_info() const {
         snp const& s = entry.second;
         int counts[4] = {0, 0, 0, 0};
         double sum = 0.0, called = 0.0;
-        for (int code : s.genotypes) {
+        for (std::size_t i = 0; i < s.genotypes.size(); ++i) {
+            int const code = s.genotypes[i];
             if (code >= 0 && code <= 3) ++counts[code];
             if (code != 3) {
                 sum += code;
@@ -27,7 +28,7 @@ void data::output_snp_info() const {
         out << s.snp_id << ' ' << s.rs_id << ' ' << entry.first << ' ' << s.hap_frequency << ' ' << s.strand << ' ';
         for (int count : counts) out << count << ' ';
         out << 0.5 * sum / called << ' ';
-        for (int code : s.genotypes) out << code << ' ';
+        for (std::size_t i = 0; i < s.genotypes.size(); ++i) out << static_cast<int>(s.genotypes[i]) << ' ';
         out << '\n';
     }
     file_out.finish();

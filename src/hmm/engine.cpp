@@ -26,14 +26,22 @@ void HMM::find_matrix_private(std::vector<double>& out, double const& rate, doub
                           out.data(), scratch.data());
 }
 
-hmm_kernel::Panel make_panel(data const& store) {
+namespace {
+
+hmm_kernel::Panel build_panel(data const& store, data* releasing) {
     hmm_kernel::Panel panel;
     int const K = store.n_haplotypes > 0 ? store.n_haplotypes : 0;
     int const L = static_cast<int>(store.snps.size());
     int const N = store.n_individuals > 0 ? store.n_individuals : 0;
+    // Only the individuals the store holds (a split run's slice) have codes.
+    int const first = std::min(std::max(store.first_held, 0), N);
+    int held = N - first;
+    for (auto const& entry : store.snps) held = std::min(held, static_cast<int>(entry.second.genotypes.size()));
     panel.K = K;
     panel.L = L;
     panel.N = N;
+    panel.first_held = first;
+    panel.n_held = held;
     if (store.mutation_matrix.size() < 3)
         throw std::invalid_argument("emission matrix not set");
     for (int a = 0; a < 3; ++a) {
@@ -45,12 +53,12 @@ hmm_kernel::Panel make_panel(data const& store) {
     panel.jump.assign(L, 0.0);
     panel.position.reserve(L);
     panel.rate_per_base.reserve(L);
-    panel.genotypes.resize(static_cast<std::size_t>(N) * L);
+    panel.genotypes.resize(static_cast<std::size_t>(held) * L);
     std::vector<double> h(K);
     int s = 0;
     for (auto const& entry : store.snps) {
         snp const& x = entry.second;
-        if (static_cast<int>(x.haplotype_alleles.size()) < K || static_cast<int>(x.genotypes.size()) < N)
+        if (static_cast<int>(x.haplotype_alleles.size()) < K)
             throw std::invalid_argument("SNP record shorter than the panel");
         alleles_as_doubles(x, h);
         std::copy(h.begin(), h.end(), panel.alleles.begin() + static_cast<std::ptrdiff_t>(s) * K);
@@ -60,12 +68,18 @@ hmm_kernel::Panel make_panel(data const& store) {
         }
         panel.position.push_back(entry.first);
         panel.rate_per_base.push_back(x.rate_per_base);
-        for (int n = 0; n < N; ++n)
-            panel.genotypes[static_cast<std::size_t>(n) * L + s] = static_cast<std::uint8_t>(x.genotypes[n]);
+        for (int n = 0; n < held; ++n) panel.genotypes[static_cast<std::size_t>(n) * L + s] = x.genotypes[n];
+        if (releasing) releasing->snps[entry.first].genotypes.release();
         ++s;
     }
     return panel;
 }
+
+}  // namespace
+
+hmm_kernel::Panel make_panel(data const& store) { return build_panel(store, nullptr); }
+
+hmm_kernel::Panel take_panel(data& store) { return build_panel(store, &store); }
 
 std::vector<hmm_kernel::Flank> find_position_flanks(data const& store, std::vector<double> const& positions) {
     std::vector<double> where, rate;

@@ -35,7 +35,7 @@ void HMM::forward(int const& individual) {
         snp& s = entry.second;
         size_pair_array(s.forward_probs, n);
         alleles_as_doubles(s, h);
-        emission_column(mutation_matrix, s.genotypes[individual], ecol);
+        emission_column(mutation_matrix, s.genotypes[individual - first_held], ecol);
         if (previous == nullptr) {
             total = hmm_kernel::forward_first(K, h.data(), ecol, s.forward_probs.data(), R[r].data());
         } else {
@@ -61,7 +61,7 @@ void HMM::backward(int const& individual) {
         snp& s = it->second;
         size_pair_array(s.backward_probs, n);
         alleles_as_doubles(s, h);
-        emission_column(mutation_matrix, s.genotypes[individual], ecol);
+        emission_column(mutation_matrix, s.genotypes[individual - first_held], ecol);
         bool const has_earlier = std::next(it) != snps.rend();
         if (later == nullptr) {
             total = hmm_kernel::backward_last(K, h.data(), ecol, s.backward_probs.data(), R[r].data(), has_earlier);

@@ -12,7 +12,7 @@ HostPlan::HostPlan(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& s
     if (schedule.L != L_) throw std::invalid_argument("schedule does not match the panel");
     std::size_t const L = static_cast<std::size_t>(L_);
     if (panel.alleles.size() != L * K_ || panel.stay.size() != L || panel.jump.size() != L ||
-        panel.genotypes.size() != L * panel.N)
+        panel.genotypes.size() != L * panel.n_held)
         throw std::invalid_argument("panel arrays do not match its sizes");
     std::size_t const P = schedule.flanks.size();
     bool const branches = outputs.layouts && !outputs.layouts->empty();

@@ -82,8 +82,11 @@ void alleles_as_doubles(snp const& s, std::vector<double>& h);
 
 // The panel in the engine's compact form: alleles as 0/1 doubles, switch
 // rates, positions, rates per base, the emission matrix by genotype column and
-// every individual's genotype codes. Built once per run.
+// every held individual's genotype codes. Built once per run.
 hmm_kernel::Panel make_panel(data const& store);
+// The same, taking the genotype codes over: each SNP's row is released once
+// copied, so that the run holds the codes once, in the engine's layout.
+hmm_kernel::Panel take_panel(data& store);
 
 // Flanking SNPs, distances and rate of each tree position (ascending or not;
 // each must lie within the SNP range).

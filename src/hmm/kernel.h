@@ -145,15 +145,19 @@ struct Panel {
     int K = 0;                       // haplotypes
     int L = 0;                       // SNPs
     int N = 0;                       // individuals
+    int first_held = 0, n_held = 0;  // the individuals with genotype codes here
     std::vector<double> alleles;     // L x K, 0.0 / 1.0, SNP-major
     std::vector<double> stay, jump;  // per SNP, from the previous SNP (unused at 0)
     std::vector<double> position;    // per SNP
     std::vector<double> rate_per_base;
     double emission[4][3] = {};      // emission[g][a] = E[a][g]
-    std::vector<std::uint8_t> genotypes;  // N x L genotype codes, individual-major
+    std::vector<std::uint8_t> genotypes;  // n_held x L genotype codes, individual-major
 
     const double* h(int s) const { return alleles.data() + static_cast<std::size_t>(s) * K; }
-    const std::uint8_t* genotypes_of(int n) const { return genotypes.data() + static_cast<std::size_t>(n) * L; }
+    // Codes of individual n (first_held <= n < first_held + n_held).
+    const std::uint8_t* genotypes_of(int n) const {
+        return genotypes.data() + static_cast<std::size_t>(n - first_held) * L;
+    }
 };
 
 // Where a position lies among the SNPs: left = last SNP at or before it,

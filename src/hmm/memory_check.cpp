@@ -30,11 +30,13 @@ std::string megabytes(double bytes) {
 }  // namespace
 
 double estimate_peak_memory(run_size const& s) {
-    double const K = s.K, L = s.L, N = s.N;
+    double const K = s.K, L = s.L, N = s.N, held = s.held;
     double const pair_array = K * (K + 1) / 2 * 8;
-    // Data store: alleles (as read and as the engine's doubles), genotype
-    // probabilities and calls (as read and the engine's copy), per-SNP records.
-    double const data = L * K * (4 + 8) + L * N * (24 + 4 + 1) + L * 400;
+    // Data store: alleles (as read and as the engine's doubles), the held
+    // individuals' probabilities and calls (and the engine's copy of the
+    // calls), per-SNP records, and one line of the genotype file as text and
+    // as numbers for every individual.
+    double const data = L * K * (4 + 8) + L * held * (24 + 1 + 1) + L * 400 + N * 64;
     // Parsed trees and their branch layouts, about 2K nodes each.
     double const trees = static_cast<double>(s.positions) * 2 * K * 120;
     // Per worker: kept forward arrays, working pair arrays, its record.

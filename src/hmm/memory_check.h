@@ -8,7 +8,8 @@
 struct run_size {
     int K = 0;                      // reference haplotypes
     int L = 0;                      // SNPs
-    int N = 0;                      // individuals held
+    int N = 0;                      // individuals in the genotype file
+    int held = 0;                   // individuals whose genotypes are held (a split run's slice)
     int positions = 0;              // selected tree positions
     int kept_forward_arrays = 0;    // pair arrays each worker keeps for the positions
     int threads = 1;

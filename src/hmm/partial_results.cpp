@@ -70,11 +70,6 @@ void check_split_flags(LSMatrixParameters const& parameters) {
                         ": the number of chunks must be at least 1.");
 }
 
-std::pair<int, int> chunk_individuals(int i, int n, int N) {
-    auto const bound = [&](int k) { return static_cast<int>(static_cast<long long>(N) * k / n); };
-    return {bound(i - 1), bound(i)};
-}
-
 std::string chunk_name(LSMatrixParameters const& parameters, int i, int n) {
     return parameters.output_file.string() + ".chunk" + std::to_string(i) + "of" + std::to_string(n);
 }

@@ -27,10 +27,6 @@ void check_split_flags(LSMatrixParameters const& parameters);
 bool is_chunk_run(LSMatrixParameters const& parameters);
 bool is_merge_run(LSMatrixParameters const& parameters);
 
-// Individuals [first, last) of chunk i (1-based) of n among N: contiguous
-// slices whose sizes differ by at most one.
-std::pair<int, int> chunk_individuals(int i, int n, int N);
-
 // "<output>.chunk<i>of<n>"
 std::string chunk_name(LSMatrixParameters const& parameters, int i, int n);
 

@@ -138,7 +138,7 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
         return;
     }
 
-    hmm_kernel::Panel const panel = make_panel(*this);
+    hmm_kernel::Panel const panel = take_panel(*this);
     std::vector<double> position_list;
     for (auto const& out : outputs) position_list.push_back(out.t);
     hmm_kernel::Schedule const schedule(panel.L, find_position_flanks(*this, position_list));
@@ -147,12 +147,17 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     auto const individuals = chunk ? chunk_individuals(parameters.chunk_index, parameters.chunk_count, N)
                                    : std::make_pair(0, N);
     int const count = individuals.second - individuals.first;
+    if (count > 0 && (individuals.first < panel.first_held || individuals.second > panel.first_held + panel.n_held))
+        throw run_error("ERROR!!! the genotypes of individuals " + std::to_string(individuals.first + 1) + " to " +
+                        std::to_string(individuals.second) + " were not kept while reading " +
+                        parameters.genotype_file.string() + ".");
     int const threads = engine_threads(parameters.threads, count);
 
     run_size size;
     size.K = K;
     size.L = panel.L;
     size.N = N;
+    size.held = panel.n_held;
     size.positions = static_cast<int>(outputs.size());
     // Beyond the workspace's budget, forward arrays are recomputed, not kept.
     size.kept_forward_arrays =

@@ -254,3 +254,8 @@ void LSMatrixParameters::parameters_summary(std::ostream& os) const {
     print_count(os, "theta: ", theta);
     os << "\n";
 }
+
+std::pair<int, int> chunk_individuals(int i, int n, int N) {
+    auto const bound = [&](int k) { return static_cast<int>(static_cast<long long>(N) * k / n); };
+    return {bound(i - 1), bound(i)};
+}

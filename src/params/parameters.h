@@ -5,6 +5,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <boost/filesystem/path.hpp>
@@ -114,3 +115,7 @@ public:
     static const std::string m_message;
     using FlagException::FlagException;
 };
+
+// Individuals [first, last) of chunk i (1-based) of n among N ("-chunk i n"):
+// contiguous slices whose sizes differ by at most one.
+std::pair<int, int> chunk_individuals(int i, int n, int N);

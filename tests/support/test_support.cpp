@@ -174,6 +174,7 @@ RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt1993
     p.K = K;
     p.L = L;
     p.N = N;
+    p.n_held = N;
     for (int s = 0; s < L; ++s) {
         for (int k = 0; k < K; ++k) p.alleles.push_back(static_cast<double>(rng() & 1));
         double const rho = 0.01 + 2.0 * static_cast<double>(rng() % 1000) / 1000.0;
