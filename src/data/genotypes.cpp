@@ -44,8 +44,6 @@ void data::read_genotype_data() {
     std::unique_ptr<std::istream> in = open_text_input(path);
     if (!in) throw badfilename(name, " can't opened file.");
 
-    // The held individuals' triples and calls of one line; everybody's calls
-    // count towards the frequency as they are read.
     std::string line;
     int line_no = 0;
     int kept = 0;
@@ -69,49 +67,42 @@ void data::read_genotype_data() {
                                         std::to_string(line_no));
 
         // Everybody's calls count towards the frequency as they are read;
-        // only the held individuals' triples and calls are kept.
+        // only the held individuals' triples and calls are kept. The slice is
+        // known once the first kept line has been counted: that line keeps
+        // everybody, and the slice is cut out of it below.
+        bool const first_line = n_individuals == -1;
+        probs.clear();
+        calls.clear();
         double sum = 0.0, called = 0.0;
-        auto read_triples = [&](field_reader& from, bool keep) {
-            probs.clear();
-            calls.clear();
-            sum = called = 0.0;
-            int n = 0;
-            for (;; ++n) {
-                double triple[3] = {0.0, 0.0, 0.0};
-                from.read(triple[0]);
-                // The end of the line reached while reading a triple's first
-                // value ends the line; a lone number there is ignored.
-                if (from.eof()) break;
-                from.read(triple[1]) && from.read(triple[2]);
-                if (from.fail())
-                    throw badfilename(name,
-                                      "Genotype file do not have the genotype information in right format on line " +
-                                          std::to_string(line_no));
-                std::uint8_t const call = call_genotype(triple, parameters.call_thresh);
-                if (call != 3) {
-                    sum += call;
-                    called += 1.0;
-                }
-                if (!keep || n < held.first || n >= held.second) continue;
-                calls.push_back(call);
-                probs.insert(probs.end(), triple, triple + 3);
+        int n = 0;
+        for (;; ++n) {
+            double triple[3] = {0.0, 0.0, 0.0};
+            fields.read(triple[0]);
+            // The end of the line reached while reading a triple's first value
+            // ends the line; a lone number there is ignored.
+            if (fields.eof()) break;
+            fields.read(triple[1]) && fields.read(triple[2]);
+            if (fields.fail())
+                throw badfilename(name, "Genotype file do not have the genotype information in right format on line " +
+                                            std::to_string(line_no));
+            std::uint8_t const call = call_genotype(triple, parameters.call_thresh);
+            if (call != 3) {
+                sum += call;
+                called += 1.0;
             }
-            return n;
-        };
-        int const n = read_triples(fields, n_individuals != -1);
-        if (n_individuals != -1 && n_individuals != n)
+            if (!first_line && (n < held.first || n >= held.second)) continue;
+            calls.push_back(call);
+            probs.insert(probs.end(), triple, triple + 3);
+        }
+        if (!first_line && n_individuals != n)
             throw badfilename(name, "Genotype file have different individuals " + std::to_string(n_individuals) +
                                         " and " + std::to_string(n) + " on lines " + std::to_string(line_no) +
                                         " and " + std::to_string(line_no - 1));
-        if (n_individuals == -1) {
-            // The first kept line gives the count, and so the slice to keep:
-            // that line is read once more for it.
+        std::size_t offset = 0;  // of the slice in this line's rows
+        if (first_line) {
             held = held_individuals(n);
             first_held = held.first;
-            field_reader again(line);
-            std::string skip;
-            for (int k = 0; k < 5; ++k) again.read(skip);
-            read_triples(again, true);
+            offset = static_cast<std::size_t>(held.first);
         }
         n_individuals = n;
 
@@ -124,8 +115,8 @@ void data::read_genotype_data() {
         s.snp_id = snp_id;
         s.genotype_allele_a = allele_a;
         s.genotype_allele_b = allele_b;
-        s.genotype_probs.assign(probs.data(), count);
-        s.genotypes.assign(calls.data(), calls.data() + calls.size());
+        s.genotype_probs.assign(probs.data() + 3 * offset, count);
+        s.genotypes.assign(calls.data() + offset, calls.data() + offset + count);
         s.genotype_frequency = frequency;
         s.data_type = 2;
         ++kept;

@@ -1,5 +1,4 @@
 // The sample file and the removal of excluded individuals.
-#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <set>

@@ -10,10 +10,10 @@
 
 // Probability triples of the individuals a run holds, one row per SNP with
 // nothing allocated per individual, in an exact compact coding: a row's
-// distinct triples once, and for each individual the one- or two-byte index
-// of its triple, whenever that is smaller than the plain triples (which are
-// kept otherwise). Every value reads back as the very double stored.
-// Indices take half a byte, a byte or two, as the row's distinct triples need.
+// distinct triples once, and for each individual the index of its triple (half
+// a byte, a byte or two, as the row's distinct triples need), whenever that is
+// smaller than the plain triples, which are kept otherwise. Every value reads
+// back as the very double stored.
 class probability_triples {
 public:
     std::size_t size() const { return count_; }
@@ -40,7 +40,7 @@ public:
         if (bits_ == 0) values_.resize(3 * kept);
         else codes_.resize((kept * bits_ + 7) / 8);
     }
-    // Bytes held, for the memory estimate and its tests.
+    // Bytes held (the coding's size).
     std::size_t bytes() const { return values_.size() * sizeof(double) + codes_.size(); }
 
 private:

@@ -2,6 +2,7 @@
 // and parsed trees into the kernel's plain arrays.
 #include <algorithm>
 #include <stdexcept>
+#include <type_traits>
 
 #include "hmm/hmm.h"
 #include "hmm/kernel.h"
@@ -28,7 +29,10 @@ void HMM::find_matrix_private(std::vector<double>& out, double const& rate, doub
 
 namespace {
 
-hmm_kernel::Panel build_panel(data const& store, data* releasing) {
+// Store is data or data const; from a mutable store each SNP's calls are
+// released as soon as they are copied.
+template <class Store>
+hmm_kernel::Panel build_panel(Store& store) {
     hmm_kernel::Panel panel;
     int const K = store.n_haplotypes > 0 ? store.n_haplotypes : 0;
     int const L = static_cast<int>(store.snps.size());
@@ -56,8 +60,8 @@ hmm_kernel::Panel build_panel(data const& store, data* releasing) {
     panel.genotypes.resize(static_cast<std::size_t>(held) * L);
     std::vector<double> h(K);
     int s = 0;
-    for (auto const& entry : store.snps) {
-        snp const& x = entry.second;
+    for (auto& entry : store.snps) {
+        auto& x = entry.second;
         if (static_cast<int>(x.haplotype_alleles.size()) < K)
             throw std::invalid_argument("SNP record shorter than the panel");
         alleles_as_doubles(x, h);
@@ -69,7 +73,7 @@ hmm_kernel::Panel build_panel(data const& store, data* releasing) {
         panel.position.push_back(entry.first);
         panel.rate_per_base.push_back(x.rate_per_base);
         for (int n = 0; n < held; ++n) panel.genotypes[static_cast<std::size_t>(n) * L + s] = x.genotypes[n];
-        if (releasing) releasing->snps[entry.first].genotypes.release();
+        if constexpr (!std::is_const_v<Store>) x.genotypes.release();
         ++s;
     }
     return panel;
@@ -77,9 +81,9 @@ hmm_kernel::Panel build_panel(data const& store, data* releasing) {
 
 }  // namespace
 
-hmm_kernel::Panel make_panel(data const& store) { return build_panel(store, nullptr); }
+hmm_kernel::Panel make_panel(data const& store) { return build_panel(store); }
 
-hmm_kernel::Panel take_panel(data& store) { return build_panel(store, &store); }
+hmm_kernel::Panel take_panel(data& store) { return build_panel(store); }
 
 std::vector<hmm_kernel::Flank> find_position_flanks(data const& store, std::vector<double> const& positions) {
     std::vector<double> where, rate;
