@@ -26,7 +26,7 @@ live_pid() {
     local pid
     pid=$(cat "$1" 2>/dev/null) || return 1
     [[ $pid =~ ^[0-9]+$ ]] || return 1
-    tr '\0' ' ' < "/proc/$pid/cmdline" 2>/dev/null | grep -qF -- "$state/" || return 1
+    tr '\0' ' ' 2> /dev/null < "/proc/$pid/cmdline" | grep -qF -- "$state/" || return 1
     echo "$pid"
 }
 
@@ -110,7 +110,20 @@ start() {
         --seed-file="$state/munge/munged.seed" ||
         { say "munged did not start"; show_logs; stop; exit 1; }
     slurmctld -f "$SLURM_CONF" || { say "slurmctld did not start"; show_logs; stop; exit 1; }
-    slurmd -f "$SLURM_CONF" || { say "slurmd did not start"; show_logs; stop; exit 1; }
+    # slurmd runs under a process that adopts and reaps what its jobs leave
+    # orphaned (srun does): a job ends only when its process group is gone,
+    # and an init that reaps late would hold every job back by seconds.
+    setsid /usr/bin/python3 - slurmd -D -f "$SLURM_CONF" > "$state/log/reaper.log" 2>&1 < /dev/null <<'EOF' &
+import ctypes, os, sys
+ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)  # PR_SET_CHILD_SUBREAPER
+if os.fork() == 0:
+    os.execvp(sys.argv[1], sys.argv[1:])
+while True:
+    try:
+        os.wait()
+    except ChildProcessError:
+        break
+EOF
 
     for _ in $(seq 300); do
         if [ "$(sinfo -h -o %T 2>/dev/null)" = idle ]; then
