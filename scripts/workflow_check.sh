@@ -12,3 +12,10 @@ export USER=${USER:-$(id -un)}  # snakemake's Slurm support reads it
 trap 'bash scripts/slurm/cluster.sh stop' EXIT
 eval "$(bash scripts/slurm/cluster.sh start | tee /dev/stderr | grep '^export SLURM_CONF=')"
 bash tests/workflow/workflow_test.sh "$ketra"
+# Stopped, the cluster leaves no daemon and no process of a job behind: all of
+# them, and nothing else, carry its SLURM_CONF in their environment.
+conf=$SLURM_CONF
+bash scripts/slurm/cluster.sh stop
+unset SLURM_CONF
+left=$(grep -lsaF "SLURM_CONF=$conf" /proc/[0-9]*/environ | cut -d/ -f3 | tr '\n' ' ') || true
+[ -z "$left" ] || { echo "FAIL: processes of the test cluster outlived it: $left"; ps -o pid,cmd -p "$left"; exit 1; }
