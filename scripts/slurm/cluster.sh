@@ -4,6 +4,7 @@
 #
 #   scripts/slurm/cluster.sh start [STATE]   start, wait until the node is idle, print SLURM_CONF
 #   scripts/slurm/cluster.sh stop [STATE]    cancel every job, stop the daemons, remove STATE
+#                                            (status 3 when a process of it had to be killed)
 #   scripts/slurm/cluster.sh status [STATE]  the node's state (status 1 when not running)
 #
 # STATE is the folder for the configuration, sockets, state and logs
@@ -42,8 +43,22 @@ stop_daemon() {  # pid file, name
     kill -KILL "$pid" 2>/dev/null || true
 }
 
+# What is still running of this cluster: processes of its jobs (they carry a
+# SLURM_JOB_ID) and its daemons, found by the SLURM_CONF in their environment.
+leftovers() {
+    local p
+    for p in $(grep -lsaF "SLURM_CONF=$SLURM_CONF" /proc/[0-9]*/environ | cut -d/ -f3); do
+        [ "$p" = $$ ] && continue
+        { tr '\0' '\n' 2> /dev/null < "/proc/$p/environ" | grep -q '^SLURM_JOB_ID='; } ||
+            grep -qxE 'munged|slurmctld|slurmd|slurmstepd' "/proc/$p/comm" 2> /dev/null ||
+            { tr '\0' ' ' 2> /dev/null < "/proc/$p/cmdline" | grep -qF " slurmd -D -f $SLURM_CONF"; } ||
+            continue
+        echo "$p"
+    done
+}
+
+# Status 3 when something had to be killed that stopping the daemons did not end.
 stop() {
-    [ -d "$state" ] || return 0
     # Jobs first, while the daemons can still end them.
     if live_pid "$state/slurmctld.pid" > /dev/null; then
         scancel --quiet --full --user=root 2>/dev/null || true
@@ -56,6 +71,13 @@ stop() {
     stop_daemon "$state/slurmctld.pid" slurmctld
     stop_daemon "$state/munge/munged.pid" munged
     rm -rf "$state"
+    local left
+    left=$(leftovers | paste -sd,)
+    [ -z "$left" ] && return 0
+    say "killing what the cluster left running: $(ps -o pid=,args= -p "$left" | cut -c1-100 | paste -sd';')"
+    # shellcheck disable=SC2086
+    kill -KILL ${left//,/ } 2> /dev/null || true
+    return 3
 }
 
 # The first port from $1 up that no socket on this machine is bound to.
@@ -86,7 +108,7 @@ start() {
             { say "$tool not found; scripts/setup.sh installs munge, slurmctld, slurmd and slurm-client"; exit 1; }
     done
     id munge > /dev/null 2>&1 || { say "no munge user; reinstall Debian's munge package"; exit 1; }
-    stop
+    stop || true
     mkdir -p "$state"/{ctld,spool,log,munge}
     chmod 755 "$state"
     # munged refuses a key or socket folder that others can write to, and one
