@@ -75,16 +75,11 @@ def main(ketra):
     with tempfile.TemporaryDirectory() as work:
         os.mkdir(f"{work}/wide")
         os.mkdir(f"{work}/tall")
-        os.mkdir(f"{work}/pairs")
         cases = [  # name, inputs, threads, options, split step
             ("example", example(), 1, "-tavlo_input", ""),
-            ("example, chunk", example(), 1, "-tavlo_input", "-chunk 1 2"),
             ("K = 500, 2 threads", make_data(f"{work}/wide", 500, 300, 8, 30, 1), 2, "-tavlo_input", ""),
-            ("K = 500, 2 threads, chunk", make_data(f"{work}/wide", 500, 300, 8, 30, 1), 2, "-tavlo_input",
-             "-chunk 1 2"),
             ("K = 500, 2 threads, merge", make_data(f"{work}/wide", 500, 300, 8, 30, 1), 2, "-tavlo_input",
              "-merge 2"),
-            ("K = 200, pair files", make_data(f"{work}/pairs", 200, 200, 4, 10, 3), 1, "-print_matrix", ""),
             ("N = 4000", make_data(f"{work}/tall", 20, 1000, 4000, 3, 2), 1, "-tavlo_input", ""),
         ]
         for name, f, threads, options, step in cases:
@@ -93,8 +88,8 @@ def main(ketra):
                        "-int", str(f["int"][0]), str(f["int"][1]), "-buffer", str(f["buffer"]), "-o", out,
                        "-threads", str(threads), "-strict"] + options.split() + step.split()
             if step.startswith("-merge"):
-                # The merge reads the partial results of both chunks.
-                peak_mib(command[:-2] + ["-chunk", "2", "2"])
+                for i in ("1", "2"):  # the merge reads the partial results of both chunks
+                    peak_mib(command[:-2] + ["-chunk", i, "2"])
             peak = peak_mib(command)
             size = kw.run_size(f["h"], f["l"], f["g"], f["tree_file"], f["int"][0], f["int"][1], f["buffer"])
             asked = kw.memory_mib(size, threads, options)
