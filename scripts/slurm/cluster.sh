@@ -169,7 +169,7 @@ status)
     sinfo -N -o '%N %T %C %m'
     ;;
 *)
-    sed -n '2,12s/^# \{0,1\}//p' "$0"
+    sed -n '2,13s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac
