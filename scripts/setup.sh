@@ -7,6 +7,7 @@ packages=(cmake g++ make libboost-iostreams-dev libboost-filesystem-dev
           libboost-system-dev zlib1g-dev libgtest-dev
           pkg-config libdeflate-dev  # compressed pardo files
           snakemake  # split runs on a cluster
+          munge slurmctld slurmd slurm-client  # the one-node Slurm of the workflow test (scripts/slurm)
           bcftools plink2 python3-matplotlib python3-numpy  # ketra-prep and ketra-plot
           clang libclang-rt-dev)  # clang and its runtime libraries: the libFuzzer targets
 

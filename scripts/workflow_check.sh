@@ -1,24 +1,35 @@
 #!/usr/bin/env bash
-# Runs the Snakemake workflow locally on the example with three chunks and
-# compares every result file with a single run's, byte for byte.
+# The case/control workflow's checks (CI; as root): its tables and durable
+# writes, its memory formula against measured peaks, then the whole workflow
+# on a one-node Slurm started here and stopped at the end, pass or fail.
+# Usage: scripts/workflow_check.sh [KETRA]   (default build/ketra)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-ketra=build/ketra
-args="-h examples/chr20-small/ref.hap -l examples/chr20-small/ref.legend -m examples/chr20-small/map.txt
-      -g examples/chr20-small/study.gen.gz -tree_file examples/chr20-small/trees.txt -int 1350000 1395000
-      -buffer 15 -tavlo_input -strict"
-$ketra $args -o "$work/single/run" > "$work/single.log"
-snakemake -s workflow/Snakefile --configfile workflow/config.yaml -j 3 -q \
-    --config ketra="$ketra" output="$work/split/run" chunks=3 threads=1 > "$work/snakemake.log" 2>&1 ||
-    { cat "$work/snakemake.log"; exit 1; }
-count=0
-for f in "$work"/single/*; do
-    name=$(basename "$f")
-    [ "$name" = run.aux ] && continue
-    cmp "$f" "$work/split/$name"
-    count=$((count + 1))
-done
-[ "$count" -gt 1 ] || { echo "workflow check: too few result files ($count)"; exit 1; }
-echo "workflow check: $count files equal to the single run"
+ketra=${1:-build/ketra}
+export USER=${USER:-$(id -un)}  # snakemake's Slurm support reads it
+/usr/bin/python3 tests/workflow/units_test.py
+/usr/bin/python3 tests/workflow/memory_test.py "$ketra"
+
+trap 'bash scripts/slurm/cluster.sh stop' EXIT
+start() {
+    local out
+    out=$(bash scripts/slurm/cluster.sh start) || { echo "$out"; exit 1; }
+    echo "$out"
+    eval "$(grep '^export SLURM_CONF=' <<< "$out")"
+}
+# A job that leaves a process of its own session behind: stopping the cluster
+# ends that too and says so, and the cluster starts again.
+start
+note=$(mktemp)
+sbatch -Q -D /tmp -o /dev/null --wrap "setsid sleep 600 > /dev/null & p=\$!
+    until [ \"\$(ps -o sid= -p \$p | tr -d ' ')\" = \$p ]; do sleep 0.05; done; echo \$p > $note"
+for _ in $(seq 100); do [ -s "$note" ] && [ -z "$(squeue -h)" ] && break; sleep 0.1; done
+if bash scripts/slurm/cluster.sh stop; then echo "FAIL: stop did not find the job's stray process"; exit 1; fi
+[[ $(ps -o stat= -p "$(cat "$note")") =~ ^Z?$ ]] || { echo "FAIL: the job's stray process outlived the cluster"; exit 1; }
+rm -f "$note"
+echo "workflow check: stopping the cluster ended the test job's stray process, as it should"
+start
+
+bash tests/workflow/workflow_test.sh "$ketra"
+# Its daemons and the jobs' processes end when told to; what had to be killed fails the check.
+bash scripts/slurm/cluster.sh stop || { echo "FAIL: the test cluster did not stop cleanly"; exit 1; }

@@ -8,6 +8,8 @@
 #
 # The list (default tests/mutants.txt) holds lines "file<TAB>text<TAB>replacement";
 # the text must occur exactly once in the file. --check only verifies that.
+# Mutants of the workflow (workflow/, scripts/slurm/) are judged by
+# scripts/workflow_check.sh on the folder's ketra (as root), not by the suite.
 # The build folder (default build-mutate) is configured without the benchmark
 # and at -O1, which compiles faster and gives the same bytes.
 set -uo pipefail
@@ -59,15 +61,31 @@ build_and_test() {
     return 0
 }
 
+is_workflow() { case $1 in workflow/* | scripts/slurm/*) return 0 ;; *) return 1 ;; esac; }
+workflow_check() { bash "$root/scripts/workflow_check.sh" "$build/ketra" >"$build/mutate-workflow.log" 2>&1 || return 1; }
+suite=0 workflow=0
+for m in "${mutants[@]}"; do
+    if is_workflow "${m%%$'\t'*}"; then workflow=1; else suite=1; fi
+done
+
 if [ ! -f "$build/CMakeCache.txt" ]; then
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O1 -DNDEBUG" \
           -DKETRA_BENCH=OFF -DKETRA_NATIVE=OFF >/dev/null || exit 2
 fi
-build_and_test
-case $? in
-    2) echo "the unmutated sources do not build (see $build/mutate-build.log)"; exit 2 ;;
-    1) echo "the suite fails on the unmutated sources (see $build/mutate-test.log)"; exit 2 ;;
-esac
+if [ "$suite" = 1 ]; then
+    build_and_test
+    case $? in
+        2) echo "the unmutated sources do not build (see $build/mutate-build.log)"; exit 2 ;;
+        1) echo "the suite fails on the unmutated sources (see $build/mutate-test.log)"; exit 2 ;;
+    esac
+else
+    cmake --build "$build" -j"$jobs" --target ketra >"$build/mutate-build.log" 2>&1 ||
+        { echo "the unmutated sources do not build (see $build/mutate-build.log)"; exit 2; }
+fi
+if [ "$workflow" = 1 ] && ! workflow_check; then
+    echo "the workflow check fails on the unmutated sources (see $build/mutate-workflow.log)"
+    exit 2
+fi
 
 backup=$(mktemp)
 current=""
@@ -88,7 +106,7 @@ for m in "${mutants[@]}"; do
         stale=$((stale + 1))
         continue
     fi
-    build_and_test
+    if is_workflow "$file"; then workflow_check; else build_and_test; fi
     outcome=$?
     restore
     case $outcome in

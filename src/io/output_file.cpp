@@ -56,6 +56,13 @@ private:
     std::shared_ptr<output_file::descriptor> file_;
 };
 
+// fsync's failure, or 0. A file system that does not sync (EINVAL, ENOTSUP)
+// is not an error of the run; a failed write-back (EIO, ENOSPC) is.
+int sync_error(int fd) {
+    if (::fsync(fd) == 0 || errno == EINVAL || errno == ENOTSUP) return 0;
+    return errno;
+}
+
 std::string reason(int error) { return error != 0 ? std::strerror(error) : "write failed"; }
 
 }  // namespace
@@ -125,10 +132,13 @@ void output_file::write(char const* text, std::size_t size) {
 }
 
 // Empties the chain (the gzip trailer is written on the way) and closes the
-// descriptor, keeping the first error met.
+// descriptor, keeping the first error met. A file kept under a temporary name
+// is on the disk before it is closed, so that the rename which follows can
+// never put a file torn by a power loss under the final name.
 void output_file::close_and_check() {
     static_cast<io::filtering_ostream&>(*stream_).reset();
     stream_.reset();
+    if (!temporary_.empty() && file_->error == 0) file_->error = sync_error(file_->fd);
     if (::close(file_->fd) != 0 && file_->error == 0) file_->error = errno;
     file_->fd = -1;
 }
@@ -153,5 +163,11 @@ void output_file::finish() {
             throw write_error(path_.string(), reason(error));
         }
         temporary_.clear();
+        // The rename itself is durable once the folder is.
+        std::string const folder = path_.has_parent_path() ? path_.parent_path().string() : ".";
+        int const fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        int const error = fd < 0 ? errno : sync_error(fd);
+        if (fd >= 0) ::close(fd);
+        if (error != 0) throw write_error(path_.string(), "can't sync its folder: " + reason(error));
     }
 }
