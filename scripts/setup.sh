@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(cmake g++ make libboost-iostreams-dev libboost-filesystem-dev
           libboost-system-dev zlib1g-dev libgtest-dev
           pkg-config libdeflate-dev  # compressed pardo files
+          libhts-dev  # ketra-prep reads VCF/BCF with htslib
           snakemake  # split runs on a cluster
           bcftools plink2 python3-matplotlib python3-numpy  # ketra-prep and ketra-plot
           clang libclang-rt-dev)  # clang and its runtime libraries: the libFuzzer targets
