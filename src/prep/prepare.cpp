@@ -225,8 +225,12 @@ private:
     std::unique_ptr<output_file> legend_, hap_, gen_, sample_, strand_, map_;
     std::unique_ptr<python_gzip_writer> gen_gzip_;
 
-    std::vector<std::int32_t> gt_;
-    int gt_capacity_ = 0;
+    // htslib's buffer for the calls of a record (it reallocates it with realloc()).
+    struct call_buffer {
+        std::int32_t* data = nullptr;
+        int capacity = 0;
+        ~call_buffer() { free(data); }
+    } gt_;
     std::string line_;
     float_texts floats_;
 };
@@ -344,32 +348,29 @@ void preparation::panel_record(bcf1_t* rec) {
         return;
     }
     int const n = bcf_hdr_nsamples(header);
-    int const total = n > 0 ? bcf_get_genotypes(header, rec, &gt_, &gt_capacity_) : 0;
+    int const total = n > 0 ? bcf_get_genotypes(header, rec, &gt_.data, &gt_.capacity) : 0;
     int const ploidy = n > 0 && total > 0 ? total / n : 0;
+    auto const not_phased = [&](std::string const& call) {
+        return prep_error{o_.ref.value() + ": genotype " + python_repr(call) + " at position " + std::to_string(pos) +
+                          " is not a phased biallelic call (the reference panel must be phased and complete)"};
+    };
     line_.clear();
     for (int i = 0; i < n; ++i) {
         char c0, c1;
-        std::int32_t const* g = ploidy > 0 ? gt_.data() + static_cast<std::size_t>(i) * ploidy : nullptr;
+        std::int32_t const* g = ploidy > 0 ? gt_.data + static_cast<std::size_t>(i) * ploidy : nullptr;
         int const a0 = g && ploidy >= 2 ? (g[0] >> 1) - 1 : -1;
         int const a1 = g && ploidy >= 2 && g[1] != bcf_int32_vector_end ? (g[1] >> 1) - 1 : -1;
         if (g && ploidy >= 2 && g[1] != bcf_int32_vector_end && (ploidy == 2 || g[2] == bcf_int32_vector_end) &&
             a0 >= 0 && a0 <= 1 && a1 >= 0 && a1 <= 1) {
-            if (!(g[1] & 1) && a0 != a1) {
-                throw prep_error{o_.ref.value() + ": genotype " + python_repr(gt_text(header, rec, i)) +
-                                 " at position " + std::to_string(pos) +
-                                 " is not a phased biallelic call (the reference panel must be phased and complete)"};
-            }
+            if (!(g[1] & 1) && a0 != a1) throw not_phased(gt_text(header, rec, i));
             c0 = static_cast<char>('0' + a0);
             c1 = static_cast<char>('0' + a1);
         } else {
             // Anything else is judged on bcftools' text, as the script did.
             std::string const t = gt_text(header, rec, i);
             if (t.size() != 3 || (t[0] != '0' && t[0] != '1') || (t[2] != '0' && t[2] != '1') ||
-                (t[1] != '|' && t[0] != t[2])) {
-                throw prep_error{o_.ref.value() + ": genotype " + python_repr(t) + " at position " +
-                                 std::to_string(pos) +
-                                 " is not a phased biallelic call (the reference panel must be phased and complete)"};
-            }
+                (t[1] != '|' && t[0] != t[2]))
+                throw not_phased(t);
             c0 = t[0];
             c1 = t[2];
         }
@@ -397,10 +398,10 @@ void preparation::append_probabilities(bcf1_t* rec, bool reverse, std::int64_t p
     bcf_hdr_t* header = study_->header();
     int const n = bcf_hdr_nsamples(header);
     if (selected_.empty()) return;
-    int const total = bcf_get_genotypes(header, rec, &gt_, &gt_capacity_);
+    int const total = bcf_get_genotypes(header, rec, &gt_.data, &gt_.capacity);
     int const ploidy = total > 0 ? total / n : 0;
     auto const code_of = [&](int i) {
-        return ploidy > 0 ? call_code(gt_.data() + static_cast<std::size_t>(i) * ploidy, ploidy) : 3;
+        return ploidy > 0 ? call_code(gt_.data + static_cast<std::size_t>(i) * ploidy, ploidy) : 3;
     };
     bcf_fmt_t* gp = use_gp_ ? bcf_get_fmt(header, rec, "GP") : nullptr;
     for (int const i : selected_) {
@@ -494,10 +495,10 @@ void preparation::study_record(bcf1_t* rec) {
         // stopped at an allele the record does not have.
         bcf_hdr_t* header = study_->header();
         int const n = bcf_hdr_nsamples(header);
-        int const total = n > 0 ? bcf_get_genotypes(header, rec, &gt_, &gt_capacity_) : 0;
+        int const total = n > 0 ? bcf_get_genotypes(header, rec, &gt_.data, &gt_.capacity) : 0;
         int const ploidy = n > 0 && total > 0 ? total / n : 0;
         for (int i = 0; i < n && ploidy > 0; ++i) {
-            std::int32_t const* g = gt_.data() + static_cast<std::size_t>(i) * ploidy;
+            std::int32_t const* g = gt_.data + static_cast<std::size_t>(i) * ploidy;
             for (int k = 0; k < ploidy && g[k] != bcf_int32_vector_end; ++k) {
                 if (bcf_gt_is_missing(g[k])) continue;
                 int const allele = bcf_gt_allele(g[k]);
