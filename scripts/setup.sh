@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(cmake g++ make libboost-iostreams-dev libboost-filesystem-dev
           libboost-system-dev zlib1g-dev libgtest-dev
           pkg-config libdeflate-dev  # compressed pardo files
+          libhts-dev  # ketra-prep reads VCF/BCF with htslib
           snakemake  # split runs on a cluster
           munge slurmctld slurmd slurm-client  # the one-node Slurm of the workflow test (scripts/slurm)
           bcftools plink2 python3-matplotlib python3-numpy  # ketra-prep and ketra-plot

@@ -79,7 +79,7 @@ if [ "$suite" = 1 ]; then
         1) echo "the suite fails on the unmutated sources (see $build/mutate-test.log)"; exit 2 ;;
     esac
 else
-    cmake --build "$build" -j"$jobs" --target ketra >"$build/mutate-build.log" 2>&1 ||
+    cmake --build "$build" -j"$jobs" --target ketra ketra-prep >"$build/mutate-build.log" 2>&1 ||
         { echo "the unmutated sources do not build (see $build/mutate-build.log)"; exit 2; }
 fi
 if [ "$workflow" = 1 ] && ! workflow_check; then

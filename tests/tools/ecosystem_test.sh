@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # End-to-end checks of ketra-prep, ketra-plot, -version, the hard-call and BGEN
 # routes and the README walk-through, on the committed VCF form of the chr20 example.
-# Usage: ecosystem_test.sh CASE   (KETRA, KETRA_SOURCE_DIR, KETRA_VERSION and
-# KETRA_BUILD_DIR come from ctest's environment)
+# Usage: ecosystem_test.sh CASE   (KETRA, KETRA_PREP, KETRA_SOURCE_DIR, KETRA_VERSION
+# and KETRA_BUILD_DIR come from ctest's environment)
 set -euo pipefail
 src=$KETRA_SOURCE_DIR
 ex=$src/examples/chr20-small
@@ -14,7 +14,7 @@ cd "$work"
 fail() { echo "FAIL: $*"; exit 1; }
 region=20:1330000-1415000
 # ketra-prep on the example's panel and map for the region; options given later win.
-prep() { "$src/tools/ketra-prep" -ref "$vcf/ref.vcf.gz" -map "$vcf/chr20.gmap.gz" -region $region "$@"; }
+prep() { "$KETRA_PREP" -ref "$vcf/ref.vcf.gz" -map "$vcf/chr20.gmap.gz" -region $region "$@"; }
 # The same on the study VCF, quietly.
 vcf_prep() { prep -study "$vcf/study.vcf.gz" "$@" > /dev/null || fail "ketra-prep $*"; }
 
@@ -115,6 +115,89 @@ errors)
 -ref $vcf/study.vcf.gz|is not a phased biallelic call
 -region 20:x-y|is not CHROM:FROM-TO
 EOF
+    ;;
+prep_edges)
+    # Crafted panel and study (tests/data/prep/edge): deletions reaching into the
+    # region, several records at one position, every allele category, odd calls
+    # and probabilities, indexed and streamed reading, BCF, sample lists, and the
+    # errors. The report, the exit status and every file written (a .gz by its
+    # SHA-256 and its text) must be what the Python ketra-prep wrote: the .txt
+    # files there. KETRA_PREP_GOLDEN=folder writes them there instead.
+    d=$src/tests/data/prep/edge
+    cp "$d/panel.vcf" "$d/study.vcf" "$d/map.txt" .
+    for f in panel study; do
+        bcftools view --no-version -Oz -o $f.vcf.gz $f.vcf && bcftools index $f.vcf.gz
+        bcftools view --no-version -Ob -o $f.bcf $f.vcf && bcftools index $f.bcf
+        bcftools view --no-version -Oz -o ${f}_noidx.vcf.gz $f.vcf
+    done
+    grep -v x3 study.vcf > ok.vcf
+    bcftools view --no-version -Ob -o ok.bcf ok.vcf && bcftools index ok.bcf
+    sed '/s1070/s/1|1\t0\/0/0\/1\t0|0/' panel.vcf > unphased.vcf
+    sed 's/0.12345678,0.5,0.37654322/0.5,0.5/' study.vcf > gp2.vcf
+    sed '/x12/s/0,1,0/0,zz,0/' study.vcf > unparsed.vcf
+    sed '/x12/s/\t\.\tGT:GP/\tXX=1\tGT:GP/' study.vcf > undeclared.vcf
+    gzip -c map.txt > map.txt.gz
+    printf 'pos chr cM\n500 20 0.1\n1500 20 0.05\n900 20 0.2\n2500 20 0.7\n' > unsorted_map.txt
+    printf 'a\nc\n' > ac.txt
+    printf 'a\nx\n' > ax.txt
+    printf 'b\nb\n' > bb.txt
+    transcript() {  # name status: the report, the status and the files written
+        cat "$1.txt"
+        echo "exit $2"
+        for f in out/"$1".*; do
+            [ -e "$f" ] || continue
+            case $f in
+                *.gz) echo "== ${f#out/} sha256 $(sha256sum < "$f" | cut -c1-64)"; zcat "$f" ;;
+                *) echo "== ${f#out/}"; cat "$f" ;;
+            esac
+        done
+    }
+    while IFS='|' read -r name args; do
+        status=0
+        # shellcheck disable=SC2086
+        "$KETRA_PREP" $args -o out/"$name" > "$name.txt" 2>&1 || status=$?
+        if [ -n "${KETRA_PREP_GOLDEN:-}" ]; then
+            transcript "$name" $status > "$KETRA_PREP_GOLDEN/$name.txt"
+        else
+            transcript "$name" $status | cmp - "$d/$name.txt" || fail "$name differs from $d/$name.txt"
+        fi
+    done <<EOF
+gp_plain|-ref panel.vcf -study study.vcf -map map.txt -region 20:1000-2000
+gt_indexed|-ref panel.vcf.gz -study study.vcf.gz -map map.txt.gz -region 20:1000-2000 -gt -drop_ambiguous -plain
+gp_bcf_mixed|-ref panel.bcf -study study_noidx.vcf.gz -map map.txt -region 20:1000-2000 -drop_ambiguous
+samples|-ref panel_noidx.vcf.gz -study ok.bcf -map map.txt -region 20:1,000-1,499 -samples ac.txt
+samples_bad_allele|-ref panel.vcf -study study.vcf -map map.txt -region 20:1000-2000 -samples ac.txt
+samples_unknown|-ref panel.vcf -study study.vcf -map map.txt -region 20:1000-2000 -samples ax.txt -gt
+samples_twice|-ref panel.vcf -study ok.vcf -map map.txt -region 20:1000-2000 -samples bb.txt
+panel_unphased|-ref unphased.vcf -study study.vcf -map map.txt -region 20:1000-2000
+gp_two_values|-ref panel.vcf -study gp2.vcf -map map.txt -region 20:1000-2000
+study_unparsed|-ref panel.vcf -study unparsed.vcf -map map.txt -region 20:1000-2000
+study_undeclared|-ref panel.vcf -study undeclared.vcf -map map.txt -region 20:1000-2000 -gt
+study_missing|-ref panel.vcf -study missing.vcf -map map.txt -region 20:1000-2000 -gt
+map_unsorted|-ref panel.vcf -study study.vcf -map unsorted_map.txt -region 20:1000-2000
+no_snp|-ref panel.vcf.gz -study study.vcf -map map.txt -region 20:3000-4000
+region_reversed|-ref panel.vcf -study study.vcf -map map.txt -region 20:2000-1000
+usage|-ref panel.vcf -st study.vcf -s ac.txt
+EOF
+    ;;
+prep_memory)
+    # The pass keeps nothing per site: ten times the sites, about the same peak memory.
+    # (AddressSanitizer keeps freed memory aside unless told not to.)
+    /usr/bin/python3 "$src/bench/prep_study.py" 200 2000 small
+    /usr/bin/python3 "$src/bench/prep_study.py" 200 20000 large
+    /usr/bin/python3 - "$KETRA_PREP" <<'PY' || fail "peak memory grows with the sites"
+import os, resource, subprocess, sys
+env = dict(os.environ, ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=0")
+peaks = []
+for d in ("small", "large"):
+    region = open(f"{d}/region.txt").read().strip()
+    subprocess.run([sys.argv[1], "-ref", f"{d}/panel.vcf", "-study", f"{d}/study.vcf", "-map", f"{d}/map.txt",
+                    "-region", region, "-o", f"{d}/p", "-gt"], check=True, stdout=subprocess.DEVNULL, env=env)
+    # The largest child so far: the small run's first, then the larger of both.
+    peaks.append(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+assert sum(1 for _ in open("large/p.hap")) == 20000
+assert peaks[1] < peaks[0] * 1.1 + 1024, peaks
+PY
     ;;
 version)
     [ "$("$KETRA" -version -o ignored | od -c)" = "$(printf 'Ketra %s\n' "$KETRA_VERSION" | od -c)" ] \

@@ -20,7 +20,7 @@ study() {  # results folder, regions table, sets table, then further snakemake a
     shift 3
     snakemake -s "$root/workflow/Snakefile" --profile "$root/workflow/slurm" --jobs 4 "$@" \
         --config regions="$regions" sets="$sets" results="$results" threads=$threads \
-        ketra="$root/tests/workflow/ketra_killed_once.py" ketra_prep="$root/tools/ketra-prep" \
+        ketra="$root/tests/workflow/ketra_killed_once.py" ketra_prep="$(dirname "$ketra")/ketra-prep" \
         ketra_plot="$root/tools/ketra-plot"
 }
 export KETRA_REAL=$ketra KILL_RUN=results/r1/controls/run KILL_CHUNK="2 3" KILL_NOTE=$work/killed.txt
