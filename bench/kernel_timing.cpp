@@ -13,7 +13,7 @@
 #include <random>
 #include <vector>
 
-#include "hmm/kernel.h"
+#include "engine/kernel.h"
 
 namespace {
 

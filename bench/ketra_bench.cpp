@@ -28,8 +28,8 @@
 
 #include "bench_inputs.h"
 #include "data/data.h"
-#include "hmm/gpu_engine.h"
-#include "hmm/hmm.h"
+#include "engine/gpu_engine.h"
+#include "run/hmm.h"
 #include "straightforward.h"
 #include "trees/tree_map.h"
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "hmm/hmm.h"
+#include "run/hmm.h"
 
 // Seconds per individual of the whole per-individual work (both passes, every
 // position's posterior, haplotype and branch sums, and the text of its pardo

@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "fuzz_support.h"
-#include "hmm/partial_results.h"
-#include "hmm/writers.h"
+#include "results/partial_results.h"
+#include "results/writers.h"
 
 namespace {
 

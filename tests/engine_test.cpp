@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "hmm/kernel.h"
+#include "engine/kernel.h"
 #include "support/test_support.h"
 
 namespace {

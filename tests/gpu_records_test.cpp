@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
-#include "hmm/cpu_engine.h"
-#include "hmm/gpu_arith.h"
-#include "hmm/gpu_engine.h"
-#include "hmm/gpu_plan.h"
-#include "hmm/gpu_records.h"
+#include "engine/cpu_engine.h"
+#include "engine/gpu_arith.h"
+#include "engine/gpu_engine.h"
+#include "engine/gpu_plan.h"
+#include "engine/gpu_records.h"
 #include "support/test_support.h"
 
 using ketra_test::same_bits;

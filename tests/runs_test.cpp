@@ -16,9 +16,9 @@
 
 #include <boost/filesystem/operations.hpp>
 
-#include "hmm/memory_check.h"
-#include "hmm/partial_results.h"
-#include "hmm/run_error.h"
+#include "io/run_error.h"
+#include "results/partial_results.h"
+#include "run/memory_check.h"
 #include "support/test_support.h"
 
 using namespace ketra_test;

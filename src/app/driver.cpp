@@ -14,14 +14,14 @@
 
 #include <boost/filesystem/exception.hpp>
 
-#include "data/data.h"
 #include "app/progress.h"
-#include "hmm/gpu_engine.h"
+#include "data/data.h"
+#include "engine/gpu_engine.h"
 #include "io/output_file.h"
-#include "hmm/hmm.h"
-#include "hmm/partial_results.h"
 #include "numlib/generator.h"
 #include "params/parameters.h"
+#include "results/partial_results.h"
+#include "run/hmm.h"
 #include "trees/tree.h"
 #include "trees/tree_map.h"
 

@@ -5,7 +5,7 @@
 #include <iomanip>
 #include <iostream>
 
-#include "hmm/hmm.h"
+#include "run/hmm.h"
 
 std::string get_progress_bar(unsigned long width, double fraction) {
     // NaN (0/0 when there are no individuals) draws an empty bar.

@@ -13,7 +13,7 @@
 #include <boost/filesystem/path.hpp>
 #include <gtest/gtest.h>
 
-#include "hmm/cpu_engine.h"
+#include "engine/cpu_engine.h"
 
 namespace ketra_test {
 

@@ -1,4 +1,4 @@
-#include "hmm/gpu_plan.h"
+#include "engine/gpu_plan.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "hmm/gpu_plan.h"
-#include "hmm/kernel.h"
+#include "engine/gpu_plan.h"
+#include "engine/kernel.h"
 
 namespace hmm_gpu {
 

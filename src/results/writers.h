@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "hmm/result_files.h"
-#include "hmm/result_stream.h"
+#include "results/result_files.h"
+#include "results/result_stream.h"
 
 // What the writers need of one selected position.
 struct output_position {
@@ -34,3 +34,10 @@ std::vector<std::vector<double>> sum_haplotype_probabilities(result_file_reader 
 // write_error when strict.
 void write_full_matrix_files(result_file_reader const& records, result_layout const& layout,
                              std::vector<output_position> const& positions, int threads, bool strict);
+
+// One pardo file per distinct position name (the highest position of a shared
+// name wins), from the individuals' records; with gzip, "name.pardo.gz": a
+// series of independently compressed blocks. Files are written in parallel. A
+// file that cannot be opened is skipped quietly, or is a write_error when strict.
+void write_pardo_files(result_file_reader const& records, result_layout const& layout,
+                       std::vector<output_position> const& positions, int threads, bool gzip, bool strict);

@@ -1,5 +1,5 @@
 // The GPU engine in a build without CUDA: it reports that it cannot run.
-#include "hmm/gpu_engine.h"
+#include "engine/gpu_engine.h"
 
 namespace hmm_gpu {
 

@@ -1,8 +1,8 @@
-#include "hmm/gpu_records.h"
+#include "engine/gpu_records.h"
 
 #include <algorithm>
 
-#include "hmm/run_error.h"
+#include "io/run_error.h"
 
 namespace {
 

@@ -1,16 +1,13 @@
-#include "hmm/writers.h"
+#include "results/writers.h"
 
 #include <algorithm>
-#include <iostream>
 #include <map>
 #include <memory>
 
-#include "hmm/hmm.h"
-#include "hmm/parallel.h"
-#include "io/badfilename.h"
 #include "io/gzip_member.h"
 #include "io/number_text.h"
 #include "io/output_file.h"
+#include "parallel/parallel.h"
 
 namespace {
 
@@ -184,7 +181,7 @@ void write_full_matrix_files(result_file_reader const& records, result_layout co
     });
 }
 
-void HMM::output_pardo(result_file_reader const& records, result_layout const& layout,
+void write_pardo_files(result_file_reader const& records, result_layout const& layout,
                        std::vector<output_position> const& positions, int threads, bool gzip, bool strict) {
     // A later position with the same name would overwrite the file: write only
     // the last one of each name, and the files can then be written at once.
@@ -196,54 +193,6 @@ void HMM::output_pardo(result_file_reader const& records, result_layout const& l
         int const p = groups[g].back();
         write_pardo_file(records, layout, positions[p], p, gzip, per_file, strict);
     });
-}
-
-void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,
-                               bool strict) {
-    bool const gzip = output.extension().string() == ".gz";
-    std::cout << (gzip ? "\n\nwriting matrix file in gzip mode ... " : "\n\nwriting matrix file ... ") << std::flush;
-    output_file out(output);
-    // An unopenable gzip file is not reported (its lines are lost), except
-    // under -strict.
-    if (!out.is_open() && !gzip) throw badfilename(output.string(), "can't open file.");
-    if (strict) out.require_open();
-
-    std::string line;
-    int precision = 6;  // the stream's default until the first sum is written
-    for (auto const& entry : positions) {
-        line.clear();
-        // The first line's position is written at the stream's default
-        // precision, later ones at 10 digits: the precision set for the sums
-        // stays set for the next line's position (with no haplotypes no sum
-        // is written and it never changes).
-        append_number(line, entry.first, precision);
-        line += ' ';
-        std::vector<double> const& sums = entry.second.haplotype_sums;
-        for (std::size_t k = 0; k < sums.size(); ++k) {
-            precision = 10;
-            append_number(line, sums[k], precision);
-            line += k + 1 < sums.size() ? ", " : ";";
-        }
-        line += '\n';
-        out.write(line);
-    }
-    out.finish();
-    std::cout << "done" << std::endl;
-}
-
-void HMM::output_details(std::string const& file_name, std::vector<std::vector<double>> const& values) {
-    output_file out(file_name);
-    if (!out.is_open()) throw badfilename(file_name, "can't open file.");
-    std::string text;
-    for (auto const& row : values) {
-        for (double v : row) {
-            append_number(text, v, 6);
-            text += ' ';
-        }
-        text += '\n';
-    }
-    out.write(text);
-    out.finish();
 }
 
 void append_full_matrix_block(std::string& out, double const* pair_posterior, int K) {

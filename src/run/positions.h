@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "hmm/cpu_engine.h"
-#include "hmm/hmm.h"
-#include "hmm/writers.h"
+#include "engine/cpu_engine.h"
+#include "results/writers.h"
+#include "run/hmm.h"
 
 // Positions within [first SNP, last SNP], each with its name and K zero
 // sums; the others get a line in the .aux file. With remove_full_matrix, each

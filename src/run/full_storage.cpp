@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <iterator>
 
-#include "hmm/hmm.h"
-#include "hmm/kernel.h"
+#include "engine/kernel.h"
+#include "run/hmm.h"
 
 namespace {
 

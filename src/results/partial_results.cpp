@@ -1,4 +1,4 @@
-#include "hmm/partial_results.h"
+#include "results/partial_results.h"
 
 #include <algorithm>
 #include <cstdint>

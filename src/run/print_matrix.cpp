@@ -13,15 +13,15 @@
 
 #include <boost/filesystem/operations.hpp>
 
-#include "hmm/cpu_engine.h"
-#include "hmm/gpu_records.h"
-#include "hmm/hmm.h"
-#include "hmm/memory_check.h"
-#include "hmm/partial_results.h"
-#include "hmm/positions.h"
-#include "hmm/result_files.h"
-#include "hmm/writers.h"
+#include "engine/cpu_engine.h"
+#include "engine/gpu_records.h"
 #include "io/badfilename.h"
+#include "results/partial_results.h"
+#include "results/result_files.h"
+#include "results/writers.h"
+#include "run/hmm.h"
+#include "run/memory_check.h"
+#include "run/positions.h"
 
 namespace fs = boost::filesystem;
 

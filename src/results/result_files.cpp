@@ -1,4 +1,4 @@
-#include "hmm/result_files.h"
+#include "results/result_files.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -10,8 +10,8 @@
 
 #include <zlib.h>
 
-#include "hmm/run_error.h"
 #include "io/badfilename.h"
+#include "io/run_error.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "hmm/positions.h"
+#include "run/positions.h"
 
 #include <cstdio>
 #include <iomanip>

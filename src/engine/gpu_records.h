@@ -8,8 +8,8 @@
 #include <memory>
 #include <vector>
 
-#include "hmm/cpu_engine.h"
-#include "hmm/gpu_engine.h"
+#include "engine/cpu_engine.h"
+#include "engine/gpu_engine.h"
 
 // Copies one individual's device results into a record in layout's order.
 // branch_offsets[p] is where position p's branch values start in the

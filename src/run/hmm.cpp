@@ -1,4 +1,4 @@
-#include "hmm/hmm.h"
+#include "run/hmm.h"
 
 HMM::matrix_data::~matrix_data() = default;
 

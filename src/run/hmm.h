@@ -9,7 +9,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include "data/data.h"
-#include "hmm/kernel.h"
+#include "engine/kernel.h"
 #include "trees/tree.h"
 
 class result_file_reader;

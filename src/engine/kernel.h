@@ -10,6 +10,11 @@
 // in a fixed tree), so that results do not depend on the vector width the
 // compiler picks; the build disables floating-point contraction for the same
 // reason.
+//
+// The sources, by concern: passes.cpp (the recursions and row sums),
+// posterior.cpp, branch_sums.cpp, schedule.cpp (flanks, schedule and
+// checkpoint plan) and workspace.cpp (one individual end to end);
+// kernel_vectors.h holds the building blocks they share.
 #pragma once
 
 #include <cstddef>
@@ -31,6 +36,9 @@ constexpr double underflow_limit = 1e-100;
 
 // Row sums R (K values) of the full symmetric matrix of T; returns the total.
 double row_sums(int K, const double* T, double* R);
+
+// x[k] /= by for k < n: the rescaling of an array and its row sums.
+void divide(std::size_t n, double* x, double by);
 
 // ---- Recursions ------------------------------------------------------------
 // h: the SNP's alleles as 0.0 / 1.0, one per haplotype. ecol: the emission
@@ -95,6 +103,12 @@ double backward_from_gamma(int K, double stay, double jump, const double* Gn, co
 // haplotype probabilities of P (as haplotype_probabilities gives them).
 void posterior(int K, double rate, double left_distance, double right_distance, const double* F,
                const double* B, double* P, double* scratch, double* m = nullptr);
+
+// The same with the flanks' row sums RF, RB and totals TF, TB given where they
+// are known (a null RF or RB: computed here), as the pipeline keeps them.
+void posterior_from(int K, double rate, double left_distance, double right_distance, const double* F,
+                    const double* RF, double TF, const double* B, const double* RB, double TB, double* P,
+                    double* scratch, double* m);
 
 // Switch rates {stay, jump} that carry values over a distance to a position:
 // e = exp(-rate*distance/K), jump = (1-e)/K, stay = e + jump.

@@ -4,8 +4,8 @@
 
 #include <vector>
 
-#include "hmm/kernel.h"
-#include "hmm/result_stream.h"
+#include "engine/kernel.h"
+#include "results/result_stream.h"
 
 // A parsed tree as the per-branch sums need it.
 struct position_tree {

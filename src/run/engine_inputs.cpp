@@ -4,8 +4,8 @@
 #include <stdexcept>
 #include <type_traits>
 
-#include "hmm/hmm.h"
-#include "hmm/kernel.h"
+#include "engine/kernel.h"
+#include "run/hmm.h"
 
 namespace {
 

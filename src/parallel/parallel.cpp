@@ -1,4 +1,4 @@
-#include "hmm/parallel.h"
+#include "parallel/parallel.h"
 
 #include <algorithm>
 #include <atomic>

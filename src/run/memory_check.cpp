@@ -1,4 +1,4 @@
-#include "hmm/memory_check.h"
+#include "run/memory_check.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "hmm/run_error.h"
+#include "io/run_error.h"
 
 namespace {
 

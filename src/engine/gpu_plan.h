@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "hmm/gpu_arith.h"
-#include "hmm/kernel.h"
+#include "engine/gpu_arith.h"
+#include "engine/kernel.h"
 
 namespace hmm_gpu {
 

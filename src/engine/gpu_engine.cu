@@ -3,7 +3,7 @@
 // both passes; otherwise every buffer lives in global memory. Batches of
 // individuals alternate between two sets of buffers and streams, so that one
 // batch's transfers and results overlap the other's kernel.
-#include "hmm/gpu_engine.h"
+#include "engine/gpu_engine.h"
 
 #include <cuda_runtime.h>
 

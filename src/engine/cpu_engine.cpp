@@ -1,9 +1,9 @@
-#include "hmm/cpu_engine.h"
+#include "engine/cpu_engine.h"
 
 #include <algorithm>
 #include <atomic>
 
-#include "hmm/parallel.h"
+#include "parallel/parallel.h"
 
 namespace {
 

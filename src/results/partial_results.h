@@ -15,10 +15,10 @@
 #include <utility>
 #include <vector>
 
-#include "hmm/result_files.h"
-#include "hmm/result_stream.h"
-#include "hmm/run_error.h"
+#include "io/run_error.h"
 #include "params/parameters.h"
+#include "results/result_files.h"
+#include "results/result_stream.h"
 
 // Throws run_error for "-chunk" with i outside 1..n, n < 1, "-merge" with
 // n < 1, or both flags together.

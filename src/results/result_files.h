@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "hmm/result_stream.h"
 #include "io/output_file.h"
+#include "results/result_stream.h"
 
 // One worker's file, the individuals of its records in file order, and the
 // CRC-32 of its bytes (so that a merge can tell damaged partial results).
