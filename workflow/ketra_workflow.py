@@ -192,7 +192,7 @@ def held_individuals(N, chunks=1, part="whole", options=""):
 
 def memory_bytes(K, L, N, P, threads, pardo=True, pair_files=False, held=None):
     """Peak memory of one Ketra job (a whole run, a chunk or a merge), in bytes.
-    The terms are those of the README's formula."""
+    The terms are those of the formula in docs/cluster-workflow.md."""
     held = N if held is None else held
     pairs = K * (K + 1) / 2
     kept = min(2 * P, max(1, KEPT_BUDGET // (8 * (pairs + K))))

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""The memory a workflow job asks for (workflow/ketra_workflow.py, the README's
-formula) against the peak resident memory of the same Ketra run, measured:
+"""The memory a workflow job asks for (workflow/ketra_workflow.py, the formula
+in docs/cluster-workflow.md) against the peak resident memory of the same Ketra run, measured:
 on the example, and on generated data where the pair arrays (many haplotypes,
 two threads) or the genotypes (many individuals) dominate. The request must
 not be below the peak. Usage: memory_test.py KETRA"""
