@@ -258,18 +258,6 @@ def write_durably(path, text):
         raise
 
 
-def sync_files(paths):
-    """fsync of files that are already in place, then of their folders."""
-    folders = []
-    for path in paths:
-        fsync_path(path)
-        folder = os.path.dirname(os.path.abspath(path))
-        if folder not in folders:
-            folders.append(folder)
-    for folder in folders:
-        fsync_path(folder)
-
-
 # ---- Hand-over --------------------------------------------------------------
 
 PARDO = re.compile(r"run\.(\d+)\.pardo(\.gz)?$")
@@ -343,13 +331,10 @@ def overview_html(results, regions, rows):
 
 
 def main(argv):
-    """publish FROM TO [EXT ...]: move FROM to TO (or FROM+EXT to TO+EXT for each EXT) durably.
-    sync PATH ...: fsync files already in place, then their folders."""
+    """publish FROM TO [EXT ...]: move FROM to TO (or FROM+EXT to TO+EXT for each EXT) durably."""
     if len(argv) >= 3 and argv[0] == "publish":
         source, target, exts = argv[1], argv[2], argv[3:]
         publish([(source + e, target + e) for e in exts] if exts else [(source, target)])
-    elif len(argv) >= 2 and argv[0] == "sync":
-        sync_files(argv[1:])
     else:
         print(main.__doc__)
         return 2

@@ -400,15 +400,16 @@ void preparation::append_probabilities(bcf1_t* rec, bool reverse, std::int64_t p
     if (selected_.empty()) return;
     int const total = bcf_get_genotypes(header, rec, &gt_.data, &gt_.capacity);
     int const ploidy = total > 0 ? total / n : 0;
-    auto const code_of = [&](int i) {
-        return ploidy > 0 ? call_code(gt_.data + static_cast<std::size_t>(i) * ploidy, ploidy) : 3;
+    // The triple of sample i's hard call, turned round with the alleles.
+    auto const append_call = [&](int i) {
+        int const c = ploidy > 0 ? call_code(gt_.data + static_cast<std::size_t>(i) * ploidy, ploidy) : 3;
+        line_ += triple_text[reverse && c < 3 ? 2 - c : c];
     };
     bcf_fmt_t* gp = use_gp_ ? bcf_get_fmt(header, rec, "GP") : nullptr;
     for (int const i : selected_) {
         line_ += ' ';
         if (!gp) {
-            int const c = code_of(i);
-            line_ += triple_text[reverse && c < 3 ? 2 - c : c];
+            append_call(i);
             continue;
         }
         std::uint8_t const* p = gp->p + static_cast<std::size_t>(i) * gp->size;
@@ -433,8 +434,7 @@ void preparation::append_probabilities(bcf1_t* rec, bool reverse, std::int64_t p
         }
         if (gp->type == BCF_BT_FLOAT) {
             if (count == 0 || (count == 1 && missing)) {  // "" or "."
-                int const c = code_of(i);
-                line_ += triple_text[reverse && c < 3 ? 2 - c : c];
+                append_call(i);
             } else if (missing) {
                 line_ += triple_text[3];
             } else if (count != 3) {
@@ -454,8 +454,7 @@ void preparation::append_probabilities(bcf1_t* rec, bool reverse, std::int64_t p
         }
         // Any other type: the script's rules on the text.
         if (text.empty() || text == ".") {
-            int const c = code_of(i);
-            line_ += triple_text[reverse && c < 3 ? 2 - c : c];
+            append_call(i);
             continue;
         }
         std::vector<std::string> parts(1);

@@ -78,6 +78,24 @@ char repr_quote(std::string_view text) {
     return has_single && !has_double ? '"' : '\'';
 }
 
+// The escapes str and bytes share: the quote, the backslash, tab, newline and
+// carriage return. False for any other character.
+bool append_plain_escape(std::string& out, std::uint32_t c, char quote) {
+    char escaped;
+    switch (c) {
+        case '\t': escaped = 't'; break;
+        case '\n': escaped = 'n'; break;
+        case '\r': escaped = 'r'; break;
+        case '\\': escaped = '\\'; break;
+        default:
+            if (c != static_cast<unsigned char>(quote)) return false;
+            escaped = quote;
+    }
+    out += '\\';
+    out += escaped;
+    return true;
+}
+
 }  // namespace
 
 std::string python_repr(std::string_view text) {
@@ -86,21 +104,13 @@ std::string python_repr(std::string_view text) {
     for (std::size_t i = 0; i < text.size();) {
         std::size_t length = 1;
         std::uint32_t const c = next_code_point(text, i, length);
-        if (c == static_cast<unsigned char>(quote) || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\r') {
-            out += "\\r";
-        } else if (c < 0x20 || c == 0x7f || (c >= 0x80 && c <= 0xa0) || c == 0xad) {
-            append_hex_escape(out, 'x', c, 2);
-        } else if (c >= 0xd800 && c <= 0xdfff) {
-            append_hex_escape(out, 'u', c, 4);
-        } else {
-            out.append(text.data() + i, length);
+        if (!append_plain_escape(out, c, quote)) {
+            if (c < 0x20 || c == 0x7f || (c >= 0x80 && c <= 0xa0) || c == 0xad)
+                append_hex_escape(out, 'x', c, 2);
+            else if (c >= 0xd800 && c <= 0xdfff)
+                append_hex_escape(out, 'u', c, 4);
+            else
+                out.append(text.data() + i, length);
         }
         i += length;
     }
@@ -114,20 +124,11 @@ std::string python_bytes_repr(std::string_view bytes) {
     out += quote;
     for (char ch : bytes) {
         auto const c = static_cast<unsigned char>(ch);
-        if (c == static_cast<unsigned char>(quote) || c == '\\') {
-            out += '\\';
-            out += ch;
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\r') {
-            out += "\\r";
-        } else if (c < 0x20 || c >= 0x7f) {
+        if (append_plain_escape(out, c, quote)) continue;
+        if (c < 0x20 || c >= 0x7f)
             append_hex_escape(out, 'x', c, 2);
-        } else {
+        else
             out += ch;
-        }
     }
     out += quote;
     return out;
