@@ -5,18 +5,22 @@
 # prep_study.py (panel of 50 samples, study, map), bgzip-compressed and
 # indexed with bcftools, and kept in the data folder for later runs.
 #
-#   bench/prep_bench.sh [--python] [--runs N] [--samples S] [--sites M] [--data DIR] [PROGRAM]
+#   bench/prep_bench.sh [--python] [--bound] [--runs N] [--samples S] [--sites M] [--data DIR] [PROGRAM]
 #
 # PROGRAM defaults to build/ketra-prep; --python times the Python script the
 # tool was before (taken from git history) instead. Prints, per input and run,
 # the wall time and the maximum resident set size from /usr/bin/time -v, then
 # the range over the runs. Default: 3 runs, 20000 samples, 1332 sites.
+# --bound instead shows what bounds the time on the 1x input: the run with
+# -plain (reading and formatting alone), then build/bench/deflate_timing on the
+# genotype text it wrote (the compression, today's way and other ways).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-runs=3 samples=20000 sites=1332 data=${PREP_BENCH_DATA:-$root/build/prep-bench} python=0 program=""
+runs=3 samples=20000 sites=1332 data=${PREP_BENCH_DATA:-$root/build/prep-bench} python=0 bound=0 program=""
 while [ $# -gt 0 ]; do
     case $1 in
         --python) python=1 ;;
+        --bound) bound=1 ;;
         --runs) runs=$2; shift ;;
         --samples) samples=$2; shift ;;
         --sites) sites=$2; shift ;;
@@ -60,20 +64,41 @@ make_input() {
 # MB from /usr/bin/time's kilobytes.
 mb() { awk -v k="$1" 'BEGIN { printf "%.0f", k / 1024 }'; }
 
+# run_prep FOLDER OUT [ARGS...]: one timed run on FOLDER's input into OUT.
+run_prep() {
+    local dir=$1 out=$2
+    shift 2
+    /usr/bin/time -v "${command[@]}" -ref "$dir/panel.vcf.gz" -study "$dir/study.vcf.gz" -map "$dir/map.txt" \
+        -region "$(cat "$dir/region.txt")" -o "$out/p" -gt "$@" > "$out/report.txt" 2> "$out/time.txt" ||
+        { cat "$out/report.txt" "$out/time.txt"; exit 1; }
+    wall=$(sed -n 's/.*Elapsed (wall clock) time (h:mm:ss or m:ss): //p' "$out/time.txt" |
+           awk -F: '{ s = 0; for (i = 1; i <= NF; i++) s = s * 60 + $i; printf "%.2f", s }')
+    peak=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$out/time.txt")
+}
+
+if [ "$bound" = 1 ]; then
+    dir=$data/s${samples}-m${sites}
+    make_input "$dir" "$samples" "$sites"
+    out=$(mktemp -d)
+    trap 'rm -rf "$out"' EXIT
+    for run in $(seq "$runs"); do
+        run_prep "$dir" "$out" -plain
+        echo "-plain, run $run: $wall s, $(mb "$peak") MB"
+    done
+    timing=$(dirname "${command[0]}")/bench/deflate_timing
+    [ -x "$timing" ] || timing=$root/build/bench/deflate_timing
+    "$timing" "$out/p.gen" "$(nproc)" "$runs"
+    exit 0
+fi
+
 for factor in 1 4; do
     m=$((sites * factor))
     dir=$data/s${samples}-m${m}
     make_input "$dir" "$samples" "$m"
-    region=$(cat "$dir/region.txt")
     times=() peaks=()
     for run in $(seq "$runs"); do
         out=$(mktemp -d)
-        /usr/bin/time -v "${command[@]}" -ref "$dir/panel.vcf.gz" -study "$dir/study.vcf.gz" -map "$dir/map.txt" \
-            -region "$region" -o "$out/p" -gt > "$out/report.txt" 2> "$out/time.txt" ||
-            { cat "$out/report.txt" "$out/time.txt"; exit 1; }
-        wall=$(sed -n 's/.*Elapsed (wall clock) time (h:mm:ss or m:ss): //p' "$out/time.txt" |
-               awk -F: '{ s = 0; for (i = 1; i <= NF; i++) s = s * 60 + $i; printf "%.2f", s }')
-        peak=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$out/time.txt")
+        run_prep "$dir" "$out"
         written=$(sed -n 's/.*study SNPs written: //p' "$out/report.txt")
         echo "${factor}x: $samples samples x $m sites, run $run: $wall s, $(mb "$peak") MB ($written SNPs written)"
         times+=("$wall") peaks+=("$peak")
