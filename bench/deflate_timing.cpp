@@ -22,6 +22,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -74,15 +75,16 @@ std::size_t zlib_member(char const* text, std::size_t size, std::vector<unsigned
 
 member_compressor libdeflate_member(int level) {
     return [level](char const* text, std::size_t size, std::vector<unsigned char>& out) {
-        thread_local libdeflate_compressor* compressor = nullptr;
+        // One compressor per thread and level, freed when the thread ends.
+        thread_local std::unique_ptr<libdeflate_compressor, decltype(&libdeflate_free_compressor)> compressor(
+            nullptr, libdeflate_free_compressor);
         thread_local int compressor_level = 0;
         if (compressor_level != level) {
-            libdeflate_free_compressor(compressor);
-            compressor = libdeflate_alloc_compressor(level);
+            compressor.reset(libdeflate_alloc_compressor(level));
             compressor_level = level;
         }
-        out.resize(libdeflate_gzip_compress_bound(compressor, size));
-        return libdeflate_gzip_compress(compressor, text, size, out.data(), out.size());
+        out.resize(libdeflate_gzip_compress_bound(compressor.get(), size));
+        return libdeflate_gzip_compress(compressor.get(), text, size, out.data(), out.size());
     };
 }
 

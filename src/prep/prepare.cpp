@@ -548,22 +548,9 @@ void preparation::study_record(bcf1_t* rec) {
     if (c == mismatch) return;
     if (reorder) std::swap(s0, s1);
     std::string const position_text = std::to_string(pos);
-    line_.clear();
-    line_ += region_.chrom;
-    line_ += ':';
-    line_ += position_text;
-    line_ += '_';
-    line_ += s0;
-    line_ += '_';
-    line_ += s1;
-    line_ += ' ';
-    line_ += panel_id_;
-    line_ += ' ';
-    line_ += position_text;
-    line_ += ' ';
-    line_ += s0;
-    line_ += ' ';
-    line_ += s1;
+    line_.clear();  // keeps its capacity for the genotypes that follow
+    line_ += region_.chrom + ':' + position_text + '_' + s0 + '_' + s1 + ' ' + panel_id_ + ' ' + position_text + ' ' +
+             s0 + ' ' + s1;
     if (selected_.empty()) line_ += ' ';
     append_probabilities(rec, reorder, pos);
     line_ += '\n';
