@@ -54,7 +54,7 @@ std::vector<Case> const cases = {
     {"plain_gzip_name", {"-o", "out/run.gzip"}, {}, "", 0, "writing matrix file ... done\n" + closing},
     // No tree position within the SNPs: an empty but whole gzip stream.
     {"no_position", {"-o", "out/run.gz", "-tavlo_input", "-print_matrix"},
-     {{"trees.txt", "999 0;4;1 2,3 4,5 6;\n1901 0;4;1 2,3 4,5 6;\n"}}, "no_position"},
+     {{"trees.txt", "999 0;4;1 2,3 4,5 6;\n1901 0;4;1 2,3 4,5 6;\n"}}, "no_position", 0, "", false, true},
     // Positions rounding to one name share a .full_matrix; the higher one's pardo file stays.
     {"shared_names", {"-tavlo_input", "-print_matrix"},
      {{"trees.txt", "1100.2345678 0;4;1 2,3 4,5 6;\n1100.4 0;4;1 3,2 4,5 6;\n1400.98765432 0;4;1 4,2 3,5 6;\n"}},
@@ -62,15 +62,15 @@ std::vector<Case> const cases = {
     {"no_individuals",
      {"-sample", "study.sample", "-exclude_samples", "exclude_all.txt", "-tavlo_input", "-print_matrix", "-detail",
       "-snp_info"},
-     {}, "no_individuals"},
+     {}, "no_individuals", 0, "", false, true},
     // Haplotype lines without alleles: no sum is written, every position keeps 6 digits.
     {"no_haplotypes", {}, {{"ref.hap", std::string(7, '\n')}, {"trees.txt", "1175.5123456 0;0;\n1250.123456789 0;0;\n"}},
-     "no_haplotypes"},
+     "no_haplotypes", 0, "", false, true},
     // Genotypes one base off every panel SNP: no SNP placed, the count stays at -1.
     {"off_panel", {"-tavlo_input", "-print_matrix", "-detail", "-threads", "2"},
      {{"study.gen",
        "S rs1 1001 A G 1 0 0\nS rs2 1101 C T 1 0 0\nS rs3 1251 A C 1 0 0\nS rs4 1401 G T 1 0 0\n"}},
-     "off_panel"},
+     "off_panel", 0, "", false, true},
     // Every optional input at once: gzip genotypes given by a repeated flag,
     // strand file and prediction (reversing SNP 1000 only when its missing
     // call is left out of the frequency), labels the other way round with and

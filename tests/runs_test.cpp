@@ -36,23 +36,20 @@ std::vector<std::string> small_args_and(std::string const& more) {
 
 }  // namespace
 
-TEST(Strict, EveryFailureIsNonZeroWhileTheDefaultRunKeepsItsOutcome) {
+// Failures beyond a damaged input file (which the next test's table holds):
+// flags, trees, data that fit no run, output files.
+TEST(Strict, OtherFailuresAreNonZeroWhileTheDefaultRunKeepsItsOutcome) {
     TempDir dir;
     copy_small_data(dir);
-    std::string const map = read_file(dir.file("map.txt"));
-    write_file(dir.file("repeated_row.map"), map.substr(0, map.find('\n') + 1) + "900 2.0 0.000\n" +
-                                                 map.substr(map.find('\n') + 1));
-    for (char const* f : {"ref.hap", "ref.legend", "map.txt", "study.sample"})
-        write_file(dir.file(std::string("z_") + f), read_file(dir.file(f)), true);
-    write_file(dir.file("z_ids.txt"), "rs1\n", true);
     // Result files that cannot be opened: a folder, not empty (a run removes
     // old .full_matrix files), stands under their names.
     for (char const* blocked : {"auxdir/run.aux", "gzdir/run.gz", "pardodir/run.1250.pardo", "fulldir/run.1250.full_matrix"})
         fs::create_directories(dir.path() / blocked / "kept");
     write_file(dir.file("blocker"), "a file where the output folder should go\n");
     write_file(dir.file("bad_trees.txt"), "1000 0;4;1 2,3 4,5 6;\n1250 0;4;2 4,1 9,5 6;\n");
+    write_file(dir.file("outside_trees.txt"), "999 0;4;1 2,3 4,5 6;\n1901 0;4;1 2,3 4,5 6;\n");
+    write_file(dir.file("blank_lines.hap"), std::string(7, '\n'));
 
-    std::string const gz = ": file is gzip-compressed, but this input is read as plain text";
     std::string const ne_unset = "Error: Ne needs to be set\n", bad_ne = "must lie between 0 and 30000";
     auto bad_value = [](std::string flag, std::string text, std::string why) {
         return "ERROR!!! Bad value given for flag " + flag + ": " + text + " (" + why + ")\n";
@@ -70,16 +67,13 @@ TEST(Strict, EveryFailureIsNonZeroWhileTheDefaultRunKeepsItsOutcome) {
         {"-buffer ten", true, "", bad_value("-buffer", "ten", "not a number")},
         {"-threads 2.5", true, "", bad_value("-threads", "2.5", "not a whole number")},
         {"-print_matrx", true, "", "ERROR!!! Flag error: unknown flag -print_matrx\n"},
-        {"-m repeated_row.map", true, "", "file repeated_row.map: map positions not strictly increasing on line 3.\n"},
-        {"-m z_map.txt", true, "", "Error reading file z_map.txt" + gz},
-        {"-l z_ref.legend", false, "", "Error reading file z_ref.legend" + gz},
-        {"-h z_ref.hap", false, "", "Error reading file z_ref.hap" + gz},
-        {"-strand z_ids.txt", true, "", "Error reading file z_ids.txt" + gz},
-        {"-sample z_study.sample -exclude_samples z_ids.txt", false, "", "Error reading file z_study.sample" + gz},
-        {"-exclude_snps z_ids.txt", true, "", "Error reading file z_ids.txt" + gz},
-        {"-exclude_snps absent.txt", true, "", "Error reading file absent.txt: no such exclusion list file.\n"},
-        {"-g absent.gen", false, "Error reading file absent.gen:  can't opened file.\n", ""},
         {"-tree_file bad_trees.txt -tavlo_input", false, "Bad tree data encountered at 1250", ""},
+        {"-tree_file outside_trees.txt", true, "",
+         "Error reading file outside_trees.txt: no tree position lies between the first and the last SNP (1000 to "
+         "1900).\n"},
+        {"-h blank_lines.hap", true, "",
+         "Error reading file blank_lines.hap: line 1 is blank; a haplotype line has an allele code (0 or 1) for each "
+         "haplotype.\n"},
         {"-o auxdir/run", true, "Warning can't write aux file: auxdir/run.aux\n",
          "Error writing file auxdir/run.aux: Is a directory\n"},
         {"-o gzdir/run.gz", true, "", "Error writing file gzdir/run.gz: Is a directory\n"},
@@ -107,6 +101,209 @@ TEST(Strict, EveryFailureIsNonZeroWhileTheDefaultRunKeepsItsOutcome) {
         for (fs::recursive_directory_iterator it(dir.path()), end; it != end; ++it)
             EXPECT_NE(it->path().filename().string()[0], '.') << "left behind: " << it->path();
     }
+}
+
+namespace {
+
+// Line n (1-based; 0: every line) of text, changed by edit.
+std::string edit_line(std::string const& text, int n, std::function<std::string(std::string)> const& edit) {
+    std::istringstream in(text);
+    std::string out, line;
+    for (int i = 1; std::getline(in, line); ++i) out += (i == n || n == 0 ? edit(line) : line) + "\n";
+    return out;
+}
+
+std::vector<std::string> words(std::string const& text) {
+    std::istringstream in(text);
+    std::vector<std::string> all;
+    for (std::string w; in >> w;) all.push_back(w);
+    return all;
+}
+
+std::string joined(std::vector<std::string> const& fields) {
+    std::string line;
+    for (auto const& f : fields) line += (line.empty() ? "" : " ") + f;
+    return line;
+}
+
+// The line with field k (1-based) replaced by value, or its last `drop` fields left out.
+std::function<std::string(std::string)> set_field(std::size_t k, std::string value) {
+    return [=](std::string line) {
+        auto f = words(line);
+        f[k - 1] = value;
+        return joined(f);
+    };
+}
+std::function<std::string(std::string)> drop_fields(std::size_t drop) {
+    return [=](std::string line) {
+        auto f = words(line);
+        f.resize(f.size() - drop);
+        return joined(f);
+    };
+}
+
+std::string first_lines(std::string const& text, int n) {
+    std::size_t end = 0;
+    for (int i = 0; i < n; ++i) end = text.find('\n', end) + 1;
+    return text.substr(0, end);
+}
+
+std::string gzipped(std::string const& text) {
+    TempDir scratch;
+    write_file(scratch.file("z"), text, true);
+    return read_file(scratch.file("z"));
+}
+
+}  // namespace
+
+// Every input file of a run, each way it can be wrong. Under -strict the run
+// ends with status 1 and one line naming the file and the cause, and leaves no
+// result file; the default run keeps its own outcome (status 0, or 1 for the
+// tree map file). Damaged files are made from the example's good ones.
+TEST(Strict, EveryInputFileFaultEndsWithStatusOneAndNoResults) {
+    TempDir dir;
+    copy_example_data(dir);
+    std::string const genotypes = read_gzip_file(dir.file("study.gen.gz"));
+    write_file(dir.file("study.gen"), genotypes);
+    // A strand file that applies "+" to every SNP changes nothing.
+    std::string strand;
+    {
+        std::istringstream legend(read_file(dir.file("ref.legend")));
+        std::string line;
+        std::getline(legend, line);
+        while (std::getline(legend, line)) strand += words(line)[1] + " +\n";
+        write_file(dir.file("ref.strand"), strand);
+    }
+    std::string const example_args = "-h ref.hap -l ref.legend -m map.txt -g study.gen -tree_file trees.txt "
+                                      "-int 1350000 1395000 -buffer 15 -o out/run -tavlo_input";
+    using edit = std::function<std::string(std::string const&)>;
+    // A damaged file made from the input's good text, and the cause -strict gives.
+    struct Damage { edit make; std::string cause; };
+    Damage const not_meaningful{nullptr, ""};
+    // One input: its flag, the good file (and flags it needs beside it), the
+    // reader's message for a file that does not open, whether a name ending in
+    // .gz is decompressed, and the faults particular to it.
+    struct Input {
+        std::string flag, good, beside, cannot_open;
+        bool decompressed;
+        std::string other_file, other_cause;  // another input's file given here
+        Damage field_count, not_a_number, no_rows;
+    };
+    std::string const different_count = "different number of haplotypes found in haplotype file (100 and 99 on line 3.";
+    std::string const sample_count = "sample file contains wrong number of individuals.";
+    std::vector<Input> const inputs = {
+        {"-h", "ref.hap", "", "can't open haplotype file.", false, "ref.legend",
+         "bad format detected in haplotype file on line 1.",
+         {[](std::string const& t) { return edit_line(t, 3, drop_fields(1)); }, different_count},
+         {[](std::string const& t) { return edit_line(t, 2, set_field(5, "x")); },
+          "bad format detected in haplotype file on line 2."},
+         // No header: which of its lines are used is the legend's to say, and
+         // a file without lines is the empty one.
+         not_meaningful},
+        {"-l", "ref.legend", "", "can't open legend file.", false, "ref.hap",
+         "line 3 has a lower position than the line before it; a legend is sorted by position.",
+         {[](std::string const& t) { return edit_line(t, 3, drop_fields(2)); },
+          "line 3 has 2 fields; a legend line has 4 fields or more: id, position and two alleles."},
+         {[](std::string const& t) { return edit_line(t, 2, set_field(2, "x")); }, "line 2, field 2 is 'x', not a number"},
+         {[](std::string const& t) { return first_lines(t, 1); }, "no SNP line after the header line."}},
+        {"-m", "map.txt", "", "can't open file.", false, "ref.legend", "line 2, field 1 is 'rs56256914', not a number",
+         {[](std::string const& t) { return edit_line(t, 4, drop_fields(1)); },
+          "line 4 has 2 fields; a map line has 3 numbers: position, rate and genetic position."},
+         {[](std::string const& t) { return edit_line(t, 3, set_field(3, "x")); }, "line 3, field 3 is 'x', not a number"},
+         {[](std::string const& t) { return first_lines(t, 1); }, "no map row after the header line."}},
+        {"-g", "study.gen", "", " can't opened file.", true, "ref.legend", "line 1, field 3 is 'a0', not a number",
+         {[](std::string const& t) { return edit_line(t, 1, drop_fields(1)); },
+          "line 1 has 154 fields; a genotype line has 5 plus 3 per individual."},
+         {[](std::string const& t) { return edit_line(t, 2, set_field(3, "x")); }, "line 2, field 3 is 'x', not a number"},
+         {[](std::string const& t) { return edit_line(t, 0, set_field(3, "1")); },  // every SNP at position 1
+          "no line is at a SNP of the reference panel in the interval widened by the buffer."}},
+        {"-tree_file", "trees.txt", "", "can't read tree map file.", true, "ref.legend", "line 1, field 1 is 'id', not a number",
+         {[](std::string const& t) { return edit_line(t, 2, [](std::string l) { return words(l)[0]; }); },
+          "line 2 has 1 field; a tree map line has a position and a tree."},
+         {[](std::string const& t) { return edit_line(t, 2, set_field(1, "x")); }, "line 2, field 1 is 'x', not a number"},
+         // Three trees before the interval.
+         {[](std::string const& t) { return first_lines(t, 3); }, "no suitable positions found in tree map file."}},
+        {"-strand", "ref.strand", "", "can't open strand file", false, "ref.hap", "line 1: strand '0' is neither + nor -.",
+         {[](std::string const& t) { return edit_line(t, 2, drop_fields(1)); },
+          "line 2 has 1 field; a strand line has 2 fields or more: position and strand."},
+         {[](std::string const& t) { return edit_line(t, 2, set_field(1, "x")); }, "line 2, field 1 is 'x', not a number"},
+         {[](std::string const&) { return std::string("1 +\n2 -\n"); },
+          "no line is at a SNP of the genotype file and the reference panel."}},
+        // Read only to be checked when no individual is excluded.
+        {"-sample", "study.sample", "", "can't open sample file.", false, "ref.hap", sample_count,
+         {[](std::string const& t) { return edit_line(t, 4, drop_fields(2)); },
+          "line 4 has 1 field; a sample line has 2 fields or more: two ids."},
+         not_meaningful,  // no field of a sample line is a number
+         {[](std::string const& t) { return first_lines(t, 2); }, sample_count}},
+        // Exclusion lists are any number of ids, so they have no field counts
+        // or numbers, an empty list excludes nothing, and ids that match
+        // nothing are allowed (a list for the whole cohort or genome).
+        {"-exclude_samples", "exclude_samples.txt", "-sample study.sample", "can't open sample file.", false,
+         "study.sample", "excludes every individual of the genotype file.", not_meaningful, not_meaningful,
+         not_meaningful},
+        {"-exclude_snps", "exclude_snps.txt", "", "no such exclusion list file.", false, "ref.legend",
+         "the SNP exclusion lists remove every genotyped SNP in the interval.", not_meaningful, not_meaningful,
+         not_meaningful},
+    };
+    std::string const gzip_as_text =
+        "file is gzip-compressed, but this input is read as plain text (only names ending in .gz are decompressed).";
+    int cells = 0;
+    for (auto const& input : inputs) {
+        std::string const good = read_file(dir.file(input.good));
+        bool const is_list = input.flag.rfind("-exclude", 0) == 0;
+        // The faults every input shares: name of the damaged file, its content
+        // (none: no file), the cause.
+        struct Cell { std::string fault, name; std::unique_ptr<std::string> content; std::string cause; };
+        std::vector<Cell> cells_of_input;
+        auto add = [&](std::string fault, std::string name, std::unique_ptr<std::string> content, std::string cause) {
+            if (!cause.empty()) cells_of_input.push_back({fault, name, std::move(content), cause});
+        };
+        auto text = [](std::string t) { return std::make_unique<std::string>(std::move(t)); };
+        std::string const zipped = gzipped(good);
+        add("missing", "absent.txt", nullptr, input.cannot_open);
+        add("a folder", "folder.txt", nullptr, "not a regular file.");
+        add("empty", "empty.txt", text(""), is_list ? "" : "file is empty.");
+        add("another input's file", input.other_file, nullptr, input.other_cause);
+        add("gzip under a plain name", "zipped.txt", text(zipped), gzip_as_text);
+        // Inputs that are never decompressed read a .gz name as plain text.
+        add("plain text under a .gz name", "plain.gz", text(good), input.decompressed ? "not in gzip format." : "");
+        add("truncated gzip", input.decompressed ? "cut.gz" : "cut.txt", text(zipped.substr(0, zipped.size() / 2)),
+            input.decompressed ? "compressed data are truncated." : gzip_as_text);
+        for (auto const* d : {&input.field_count, &input.not_a_number, &input.no_rows}) {
+            std::string const fault = d == &input.field_count ? "wrong field count"
+                                      : d == &input.not_a_number ? "not a number" : "no usable rows";
+            std::string const name = input.decompressed ? "damaged.gz" : "damaged.txt";
+            if (d->make) add(fault, name, text(input.decompressed ? gzipped(d->make(good)) : d->make(good)), d->cause);
+        }
+        for (auto const& cell : cells_of_input) {
+            SCOPED_TRACE(input.flag + ", " + cell.fault);
+            ++cells;
+            fs::remove_all(dir.path() / "out");
+            fs::remove_all(dir.path() / "folder.txt");
+            if (cell.fault == "a folder") fs::create_directories(dir.path() / "folder.txt");
+            if (cell.content) write_file(dir.file(cell.name), *cell.content);
+            std::string const args = example_args + " " + input.beside + " " + input.flag + " " + cell.name;
+
+            auto const strict = run_ketra(words(args + " -strict"), dir.path().string());
+            EXPECT_EQ(strict.status, 1);
+            EXPECT_EQ(strict.err, "");
+            std::string const line = "Error reading file " + cell.name + ": " + cell.cause;
+            EXPECT_NE(strict.out.find(line), std::string::npos) << strict.out;
+            EXPECT_TRUE(text_ends_with(strict.out, "Program terminated\n")) << strict.out;
+            // No result under a final name (the .aux file is the run's log).
+            for (fs::directory_iterator it(dir.path() / "out"), end; fs::exists(dir.path() / "out") && it != end; ++it)
+                EXPECT_EQ(it->path().filename().string(), "run.aux");
+
+            // By default a bad input file ends with status 0, the tree map
+            // file's failures aside.
+            auto const lenient = run_ketra(words(args), dir.path().string());
+            if (input.flag != "-tree_file") {
+                EXPECT_EQ(lenient.status, 0) << lenient.out;
+            }
+            EXPECT_EQ(lenient.err, "");
+        }
+    }
+    EXPECT_EQ(cells, 73);
 }
 
 // Each output file of a run in turn on a full device (/dev/full, by default

@@ -9,6 +9,7 @@ import gzip
 import math
 import os
 import re
+import shutil
 import tempfile
 
 NAME = re.compile(r"[A-Za-z0-9][A-Za-z0-9_-]*$")
@@ -112,6 +113,17 @@ def read_sets(path, regions):
                                  f"{lacking[0]} needs a panel_vcf to prepare it against")
         sets[name] = {k: row[k] for k in SET_COLUMNS if k != "set"}
     return sets
+
+
+def missing_program(programs):
+    """The message for the first of (setting, path) whose program cannot be run,
+    or None. A path without a '/' is looked up on PATH."""
+    for setting, path in programs:
+        if not shutil.which(path):
+            where = "on PATH" if "/" not in path else "there"
+            return (f"{setting}: {path} not found {where}; build the programs with 'bash scripts/run_example.sh' "
+                    f"(or cmake --build build), or set {setting} in the config")
+    return None
 
 
 def fill(path, region_name, region):

@@ -1,5 +1,6 @@
 #include "data/data.h"
 
+#include <algorithm>
 #include <iostream>
 
 #include "io/output_file.h"
@@ -20,9 +21,17 @@ data::data(LSMatrixParameters const& p) {
 
     int const removed = remove_excluded_snps();
     std::cout << "   " << removed << " SNPs removed." << std::endl;
+    if (parameters.strict && removed > 0 && !std::any_of(snps.begin(), snps.end(), [](auto const& entry) {
+            return entry.second.data_type == 2;
+        })) {
+        std::string lists;
+        for (std::string const& name : parameters.exclude_snps_files) lists += (lists.empty() ? "" : " ") + name;
+        throw badfilename(lists, "the SNP exclusion lists remove every genotyped SNP in the interval.");
+    }
 
     setup();
     if (parameters.seen("-exclude_samples")) apply_sample_exclusions();
+    check_sample_file_quietly();
     write_aux_file();
 }
 
@@ -40,8 +49,17 @@ int data::remove_excluded_snps() {
     return removed;
 }
 
-void data::refuse_compressed(std::string const& file) const {
-    if (parameters.strict && starts_with_gzip_magic(file)) throw badfilename(file, gzip_in_plain_input);
+void data::check_whole_file(std::string const& file, bool decompressed, bool may_be_empty) const {
+    if (!parameters.strict) return;
+    std::string const fault = whole_file_fault(file, decompressed, may_be_empty);
+    if (!fault.empty()) throw badfilename(file, fault);
+}
+
+void data::check_line(std::string const& file, std::string const& line, long line_number,
+                      line_layout const& layout) const {
+    if (!parameters.strict) return;
+    std::string const fault = line_fault(line, line_number, layout);
+    if (!fault.empty()) throw badfilename(file, fault);
 }
 
 void data::write_aux_file() const {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "io/badfilename.h"
+#include "io/input_check.h"
 #include "data/snp.h"
 #include "params/parameters.h"
 
@@ -58,7 +59,15 @@ public:
     // information file (every individual's calls) or sample exclusions (which
     // renumber the individuals after reading) need them all.
     std::pair<int, int> held_individuals(int N) const;
-    // Under -strict a file that is always read as plain text but starts with
-    // the gzip magic bytes is an error rather than a page of noise.
-    void refuse_compressed(std::string const& file) const;
+    // Under -strict: the checks of io/input_check.h on an input file that has
+    // opened (decompressed: it is read through the gzip decompressor) and on
+    // each of its lines. They throw badfilename naming the file.
+    void check_whole_file(std::string const& file, bool decompressed = false, bool may_be_empty = false) const;
+    void check_line(std::string const& file, std::string const& line, long line_number,
+                    line_layout const& layout) const;
+    // Under -strict, a -sample file given without -exclude_samples is still
+    // checked, without a word on the console for a good one.
+    void check_sample_file_quietly();
+    // Reads the sample file into sample_index and checks its count.
+    void read_sample_index();
 };

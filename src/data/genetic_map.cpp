@@ -29,7 +29,7 @@ void data::read_genetic_map() {
     std::cout << "reading genetic map file ... " << std::flush;
     std::ifstream in(file);
     if (!in.is_open()) throw badfilename(file, "can't open file.");
-    refuse_compressed(file);
+    check_whole_file(file);
 
     std::string line;
     read_text_line(in, line);  // header
@@ -41,6 +41,7 @@ void data::read_genetic_map() {
     std::istringstream ls;
     while (read_text_line(in, line)) {
         ++rows;
+        check_line(file, line, rows + 1, layouts::genetic_map);
         ls.clear();
         ls.str(line);
         ls >> position;
@@ -54,6 +55,7 @@ void data::read_genetic_map() {
         if (parameters.strict && rows > 1 && !(position > map_positions[map_positions.size() - 2]))
             throw badfilename(file, "map positions not strictly increasing on line " + std::to_string(rows + 1) + ".");
     }
+    if (parameters.strict && rows == 0) throw badfilename(file, "no map row after the header line.");
     std::cout << "done." << std::endl;
     in.close();
     print_count(std::cout, "number of rates read: ", rows);

@@ -43,6 +43,7 @@ void data::read_genotype_data() {
     if (is_gzip_path(path)) std::cout << "reading gzip file in gzip mode ... " << std::flush;
     std::unique_ptr<std::istream> in = open_text_input(path);
     if (!in) throw badfilename(name, " can't opened file.");
+    check_whole_file(name, is_gzip_path(path));
 
     std::string line;
     int line_no = 0;
@@ -53,6 +54,7 @@ void data::read_genotype_data() {
     std::string snp_id, rs_id, allele_a, allele_b;
     while (read_text_line(*in, line)) {
         ++line_no;
+        check_line(name, line, line_no, layouts::genotypes);
         field_reader fields(line);
         double position = 0.0;
         fields.read(snp_id) && fields.read(rs_id) && fields.read(position);
@@ -122,6 +124,8 @@ void data::read_genotype_data() {
         ++kept;
     }
 
+    if (parameters.strict && kept == 0)
+        throw badfilename(name, "no line is at a SNP of the reference panel in the interval widened by the buffer.");
     std::cout << "done" << std::endl;
     print_count(std::cout, "number of individuals in genotype file: ", n_individuals);
     print_count(std::cout, "number of SNPs in interval with haplotype data: ", kept);

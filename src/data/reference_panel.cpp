@@ -8,6 +8,7 @@
 
 #include "io/console.h"
 #include "data/data.h"
+#include "io/input_check.h"
 #include "io/text_stream.h"
 
 namespace {
@@ -49,6 +50,19 @@ bool parse_haplotype_line(std::string const& line, std::vector<int>& values, dou
     }
 }
 
+// Under -strict the two files of the panel end together: a line of one
+// without its line in the other is a panel that does not fit together.
+void check_line_counts(std::string const& legend_name, bool legend_went_on, std::string const& hap_name,
+                       bool hap_went_on, int lines_read) {
+    if (lines_read == 0 && hap_went_on) throw badfilename(legend_name, "no SNP line after the header line.");
+    if (hap_went_on)
+        throw badfilename(legend_name, "ends after line " + std::to_string(lines_read + 1) + ", but the haplotype file " +
+                                           hap_name + " goes on; the two files have a line for each SNP.");
+    if (legend_went_on)
+        throw badfilename(hap_name, "ends after line " + std::to_string(lines_read) + ", but the legend file " +
+                                        legend_name + " goes on; the two files have a line for each SNP.");
+}
+
 }  // namespace
 
 void data::read_haplotype_data() {
@@ -66,8 +80,8 @@ void data::read_haplotype_data() {
     if (!hap.is_open()) throw badfilename(hap_name, "can't open haplotype file.");
     std::ifstream legend(legend_name);
     if (!legend.is_open()) throw badfilename(legend_name, "can't open legend file.");
-    refuse_compressed(hap_name);
-    refuse_compressed(legend_name);
+    check_whole_file(hap_name);
+    check_whole_file(legend_name);
     std::string legend_line, hap_line;
     read_text_line(legend, legend_line);  // header
 
@@ -76,16 +90,25 @@ void data::read_haplotype_data() {
     double sum = 0.0;
     int c = 0;
     bool legend_ok = true, hap_ok = true, beyond = false;
+    double previous_x = 0.0;
     while (true) {
         legend_ok = read_text_line(legend, legend_line);
         hap_ok = read_text_line(hap, hap_line);
         if (!legend_ok || !hap_ok) break;
         ++c;
+        check_line(legend_name, legend_line, c + 1, layouts::legend);
 
         std::istringstream ls(legend_line);
         std::string rs_id, allele_0, allele_1;
         double x = 0.0;
         ls >> rs_id >> x >> allele_0 >> allele_1;
+        // The reading stops at the first SNP beyond the interval, so an
+        // unsorted legend loses SNPs without a word by default.
+        if (parameters.strict && c > 1 && x < previous_x)
+            throw badfilename(legend_name, "line " + std::to_string(c + 1) +
+                                               " has a lower position than the line before it; a legend is sorted "
+                                               "by position.");
+        previous_x = x;
         double const g = interpolate_genetic_position(map_positions, map_genetic, map_sorted, x);
 
         bool const hap_good = parse_haplotype_line(hap_line, values, sum);
@@ -95,6 +118,9 @@ void data::read_haplotype_data() {
         if (!hap_good)
             throw badfilename(hap_name, "bad format detected in haplotype file on line " + std::to_string(c) + ".");
         int const count = static_cast<int>(values.size());
+        if (parameters.strict && count == 0)
+            throw badfilename(hap_name, "line " + std::to_string(c) + " is blank; a haplotype line has an allele "
+                                                                        "code (0 or 1) for each haplotype.");
         if (n_haplotypes != -1 && n_haplotypes != count)
             throw badfilename(hap_name, "different number of haplotypes found in haplotype file (" +
                                             std::to_string(n_haplotypes) + " and " + std::to_string(count) +
@@ -123,6 +149,7 @@ void data::read_haplotype_data() {
         snps.emplace(x, std::move(record));
     }
 
+    if (parameters.strict && !beyond) check_line_counts(legend_name, legend_ok, hap_name, hap_ok, c);
     std::cout << "done." << std::endl;
     print_count(std::cout, "number of haplotypes: ", n_haplotypes);
     print_count(std::cout, "number of SNPs in total: ", c);

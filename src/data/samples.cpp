@@ -11,11 +11,20 @@
 #include "io/text_stream.h"
 
 void data::read_sample_file() {
-    std::string const file = parameters.sample_file.string();
     std::cout << "Reading sample file ... " << std::flush;
+    read_sample_index();
+    std::cout << "done" << std::endl;
+}
+
+void data::check_sample_file_quietly() {
+    if (parameters.strict && parameters.seen("-sample") && !parameters.seen("-exclude_samples")) read_sample_index();
+}
+
+void data::read_sample_index() {
+    std::string const file = parameters.sample_file.string();
     std::ifstream in(file);
     if (!in.is_open()) throw badfilename(file, "can't open sample file.");
-    refuse_compressed(file);
+    check_whole_file(file);
     std::string line;
     read_text_line(in, line);  // two header lines
     read_text_line(in, line);
@@ -23,6 +32,7 @@ void data::read_sample_file() {
 
     int index = 0;
     while (read_text_line(in, line)) {
+        check_line(file, line, index + 3, layouts::sample);
         std::istringstream ls(line);
         std::string id_1, id_2;
         ls >> id_1 >> id_2;
@@ -32,7 +42,6 @@ void data::read_sample_file() {
         ++index;
     }
     if (index != n_individuals) throw badfilename(file, "sample file contains wrong number of individuals.");
-    std::cout << "done" << std::endl;
 }
 
 void data::read_sample_exclusion_file() {
@@ -40,7 +49,7 @@ void data::read_sample_exclusion_file() {
     std::cout << "Reading sample exclusion file ... " << std::flush;
     std::ifstream in(file);
     if (!in.is_open()) throw badfilename(file, "can't open sample file.");
-    refuse_compressed(file);
+    check_whole_file(file, false, true);
     std::string id;
     int count = 0;
     while (in >> id) {
@@ -76,6 +85,8 @@ void data::apply_sample_exclusions() {
         s.genotype_probs.keep_if(is_kept);
     }
     n_individuals -= static_cast<int>(columns.size());
+    if (parameters.strict && n_individuals == 0)
+        throw badfilename(parameters.exclude_samples_file.string(), "excludes every individual of the genotype file.");
     std::cout << "done" << std::endl;
     print_count(std::cout, "number of excluded sample ids in sample file: ", columns.size());
     print_count(std::cout, "number of individuals remaining for clustering: ", n_individuals);

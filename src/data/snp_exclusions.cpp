@@ -32,7 +32,7 @@ void data::read_exclusion_list() {
             std::cout << "No SNPs excluded" << std::endl;
             return;
         }
-        refuse_compressed(name);
+        check_whole_file(name, false, true);
         std::cout << " -" << path.string() << "[" << std::flush;
         std::string id;
         int count = 0;

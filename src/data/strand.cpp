@@ -30,19 +30,27 @@ void data::read_strand_data() {
         std::cout << "Reading strand file ... " << std::flush;
         std::ifstream in(file);
         if (!in.is_open()) throw badfilename(file, "can't open strand file");
-        refuse_compressed(file);
+        check_whole_file(file);
         std::string line;
         while (read_text_line(in, line)) {
             ++lines_read;
+            check_line(file, line, lines_read, layouts::strand);
             std::istringstream ls(line);
             double position = 0.0;
             std::string strand;
             if (!(ls >> position >> strand)) continue;
+            // Only "-" changes anything; under -strict any other word than
+            // "+" is taken for a file that is not a strand file.
+            if (parameters.strict && strand != "+" && strand != "-")
+                throw badfilename(file, "line " + std::to_string(lines_read) + ": strand '" + strand +
+                                            "' is neither + nor -.");
             auto found = snps.find(position);
             if (found == snps.end()) continue;
             found->second.strand = strand;
             ++applied;
         }
+        if (parameters.strict && applied == 0)
+            throw badfilename(file, "no line is at a SNP of the genotype file and the reference panel.");
         std::cout << "done" << std::endl;
     }
     print_count(std::cout, "Number of positions with strand information read: ", lines_read);

@@ -4,6 +4,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "io/badfilename.h"
 #include "io/output_file.h"
 
 std::map<double, HMM::matrix_data> select_positions(HMM const& run, std::map<double, std::string> const& trees,
@@ -27,6 +28,13 @@ std::map<double, HMM::matrix_data> select_positions(HMM const& run, std::map<dou
         }
     }
     aux.finish();
+    // By default the passes then run for nothing and the matrix file is empty.
+    if (parameters.strict && positions.empty()) {
+        std::ostringstream range;
+        if (!run.snps.empty()) range << " (" << run.snps.begin()->first << " to " << run.snps.rbegin()->first << ")";
+        throw badfilename(parameters.tree_file.string(),
+                          "no tree position lies between the first and the last SNP" + range.str() + ".");
+    }
     return positions;
 }
 

@@ -89,6 +89,12 @@ std::string inflate_whole(std::string const& path) {
     return text;
 }
 
+}  // namespace
+
+std::string read_gzip_file(std::string const& path) { return inflate_whole(path); }
+
+namespace {
+
 // The echoed command line starts with the binary's path, which depends on the build folder.
 std::string without_binary_path(std::string text) {
     std::string const path = KETRA_BINARY;

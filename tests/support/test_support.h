@@ -34,6 +34,8 @@ private:
 // Compressed when gzip is true.
 void write_file(std::string const& path, std::string const& content, bool gzip = false);
 std::string read_file(std::string const& path);
+// The text of a file that holds one whole gzip stream.
+std::string read_gzip_file(std::string const& path);
 bool text_ends_with(std::string const& text, std::string const& tail);
 
 // The small data set (K = 4, N = 3) or the bundled example, copied into dir.

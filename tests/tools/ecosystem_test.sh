@@ -205,17 +205,20 @@ version)
     [ ! -e ignored ] || fail "-version went on to run"
     ;;
 walkthrough)
-    # The README's walk-through, command for command, with the tools installed
-    # from this build into a private prefix; its plot takes two matrices.
+    # A new user's first hour: in a copy of the source without any build
+    # folder, the README's first set-up command, then its walk-through command
+    # for command (installing into a private prefix); the plot takes two matrices.
     export HOME=$work/home
-    cp -r "$ex" chr20-small
-    sed -n '/<!-- walkthrough begin -->/,/<!-- walkthrough end -->/p' "$src/README.md" |
-        sed -n 's/^    //p' |
-        sed "s#^cmake --install build #cmake --install $KETRA_BUILD_DIR #; s#^cd examples/chr20-small#cd $work/chr20-small#" \
+    mkdir repo
+    tar -C "$src" --exclude='./build*' --exclude=./.git --exclude='./examples/*/out' \
+        --exclude='./examples/*/walkthrough' -cf - . | tar -C repo -xf -
+    (cd repo && bash scripts/run_example.sh > example.log 2>&1) || { tail -20 repo/example.log; fail "run_example.sh"; }
+    sed -n '/<!-- walkthrough begin -->/,/<!-- walkthrough end -->/p' "$src/README.md" | sed -n 's/^    //p' \
         > walkthrough.sh
     [ "$(grep -c '^ketra' walkthrough.sh)" -ge 5 ] || fail "walk-through not found in the README"
-    bash -euo pipefail walkthrough.sh > walkthrough.log 2>&1 || { tail -20 walkthrough.log; fail "walk-through"; }
-    w=$work/chr20-small/walkthrough
+    (cd repo && bash -euo pipefail ../walkthrough.sh > ../walkthrough.log 2>&1) ||
+        { tail -20 walkthrough.log; fail "walk-through"; }
+    w=$work/repo/examples/chr20-small/walkthrough
     for group in cases controls; do
         [ "$(wc -l < "$w/$group/run")" -eq 28 ] || fail "$group matrix"
         [ "$(ls "$w/$group"/run.*.pardo | wc -l)" -eq 28 ] || fail "$group pardo files"
@@ -225,6 +228,11 @@ walkthrough)
     gzip -c "$w/cases/run" > one.gz
     "$src/tools/ketra-plot" one.gz -o heat.png > /dev/null || fail "one matrix"
     png_check heat.png
+    # Help with one dash or two; its usage says one or two matrix files.
+    for flag in -help --help; do
+        out=$("$src/tools/ketra-plot" $flag) || fail "ketra-plot $flag: status $?"
+        [[ $out == "usage: ketra-plot MATRIX [CONTROLS] -o PNG"* ]] || fail "ketra-plot $flag printed: $out"
+    done
     head -n 5 "$w/cases/run" > short
     for bad in "$w/cases/run short" "missing-file" "$ex/ref.legend"; do
         # shellcheck disable=SC2086

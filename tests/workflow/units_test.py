@@ -55,6 +55,25 @@ def check_tables(work):
     return failures
 
 
+def check_programs(work):
+    """A program that is missing is named with its setting; one on PATH or at its path is found."""
+    failures = 0
+    tool = os.path.join(work, "tool")
+    with open(tool, "w") as f:
+        f.write("#!/bin/sh\n")
+    os.chmod(tool, 0o755)
+    cases = [([("ketra", tool), ("ketra_plot", "sh")], None),
+             ([("ketra", tool), ("ketra_prep", "build/no-such-prep")],
+              "ketra_prep: build/no-such-prep not found there; build the programs"),
+             ([("ketra_plot", "no-such-plot")], "ketra_plot: no-such-plot not found on PATH")]
+    for programs, expected in cases:
+        message = kw.missing_program(programs)
+        if (message is None) != (expected is None) or expected and not message.startswith(expected):
+            print(f"FAIL: {programs}: expected {expected!r}, got {message!r}")
+            failures += 1
+    return failures
+
+
 def check_publish(work):
     """publish and write_durably on real files, with the fsyncs and renames they make recorded."""
     events = []
@@ -82,6 +101,6 @@ def check_publish(work):
 
 if __name__ == "__main__":
     with tempfile.TemporaryDirectory() as tables, tempfile.TemporaryDirectory() as files:
-        failures = check_tables(tables) + check_publish(files)
-    print(f"workflow units: {len(CASES)} table cases and the publish order checked, {failures} failures")
+        failures = check_tables(tables) + check_programs(tables) + check_publish(files)
+    print(f"workflow units: {len(CASES)} table cases, the programs and the publish order checked, {failures} failures")
     sys.exit(1 if failures else 0)
