@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "data/data.h"
+#include "io/input_check.h"
 #include "support/test_support.h"
 #include "trees/tree.h"
 
@@ -235,4 +236,35 @@ TEST(Readers, TreeText) {
                                  "1500 0;4;1 2,3 5,4 6;", "1500 0;4;1 2,3 4,5 5;", "1500 0;3;1 2,4 3,5 1;",
                                  "1500 0;3;1 2,3 4,1 2;", "1500 0;3;2 1,4 3;x", "1500 0;5;1 2,3 6,4 5,7 8;"})
             EXPECT_EQ(parse_outcome(text, leaves, false), parse_outcome(text, leaves, true)) << text << " " << leaves;
+}
+
+// The fields -strict asks of one line of each input: counts at and around
+// each limit, numbers that are not finite or not whole tokens.
+TEST(Readers, StrictLineLayouts) {
+    struct Case { line_layout const* layout; std::string line, fault; };
+    std::string const genotype = "; a genotype line has 5 plus 3 per individual.";
+    std::vector<Case> const cases = {
+        {&layouts::genotypes, "s r 100 A G 1 0 0", ""},
+        {&layouts::genotypes, "s r 100 A G 1 0 0 0.5 0.5 0", ""},
+        {&layouts::genotypes, "s r 100 A G", "line 7 has 5 fields" + genotype},
+        {&layouts::genotypes, "s r 100 A G 1 0", "line 7 has 7 fields" + genotype},
+        {&layouts::genotypes, "s r 100 A G 1 0 0 1", "line 7 has 9 fields" + genotype},
+        {&layouts::genotypes, "s r 1e5x A G 1 0 0", "line 7, field 3 is '1e5x', not a number" + genotype},
+        {&layouts::genotypes, "s r inf A G 1 0 0", "line 7, field 3 is 'inf', not a number" + genotype},
+        {&layouts::genetic_map, "100\t0.5  1e-3", ""},
+        {&layouts::genetic_map, "100 0.5 1e-3 7", "line 7 has 4 fields; a map line has 3 numbers: position, rate and "
+                                                  "genetic position."},
+        {&layouts::genetic_map, "100 nan 1", "line 7, field 2 is 'nan', not a number; a map line has 3 numbers: "
+                                             "position, rate and genetic position."},
+        {&layouts::genetic_map, "100 0.5 x", "line 7, field 3 is 'x', not a number; a map line has 3 numbers: "
+                                             "position, rate and genetic position."},
+        {&layouts::genetic_map, "", "line 7 is blank; a map line has 3 numbers: position, rate and genetic position."},
+        {&layouts::strand, "100 + extra", ""},
+        {&layouts::strand, "100", "line 7 has 1 field; a strand line has 2 fields or more: position and strand."},
+        {&layouts::legend, "rs1 100 A", "line 7 has 3 fields; a legend line has 4 fields or more: id, position and "
+                                        "two alleles."},
+        {&layouts::sample, "id1 id2 0", ""},
+        {&layouts::tree_map, "1500 0;4;1 2,3 4,5 6;", ""},
+    };
+    for (auto const& c : cases) EXPECT_EQ(line_fault(c.line, 7, *c.layout), c.fault) << c.line;
 }
