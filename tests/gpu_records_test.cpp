@@ -3,9 +3,11 @@
 // into records, must give the CPU records bit for bit, and -gpu must stop the
 // run with its cause. With a device: the engine's batches are held to the same
 // standard, and whole runs with -gpu (plain and split) must write the plain
-// run's files byte for byte.
+// run's files byte for byte. KETRA_REQUIRE_GPU=1 (which the device check
+// sets) turns every skip for want of a device into a failure.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <iterator>
 #include <map>
 #include <random>
@@ -23,6 +25,17 @@
 using ketra_test::same_bits;
 
 namespace {
+
+// Skips the test without a usable device, or fails it under KETRA_REQUIRE_GPU=1.
+#define SKIP_WITHOUT_DEVICE()                                                                  \
+    do {                                                                                       \
+        std::string const why = hmm_gpu::unavailable_reason();                                 \
+        if (!why.empty()) {                                                                    \
+            char const* required = std::getenv("KETRA_REQUIRE_GPU");                           \
+            if (required && std::string(required) == "1") FAIL() << "KETRA_REQUIRE_GPU=1: " << why; \
+            GTEST_SKIP() << why;                                                               \
+        }                                                                                      \
+    } while (0)
 
 // The CPU engine's records and what the GPU plan needs to make the same ones.
 struct RecordCheck {
@@ -97,16 +110,18 @@ TEST(GpuEngine, WithoutADeviceGpuRunsStopWithTheCause) {
 }
 
 TEST(GpuEngine, BatchesGiveTheCpuRecords) {
-    std::string const why = hmm_gpu::unavailable_reason();
-    if (!why.empty()) GTEST_SKIP() << why;
+    SKIP_WITHOUT_DEVICE();
     struct Case { int K, L, N; double scale; bool force_global, pairs; };
     Case const cases[] = {
         {1, 5, 3, 1.0, false, true},      {13, 50, 40, 1e-30, true, true},   {37, 80, 700, 1.0, false, false},
         {200, 120, 300, 1e-20, false, false}, {200, 40, 20, 1.0, true, true},
         {300, 30, 6, 1e-40, false, false},  // too large for shared memory
     };
+    // Under compute-sanitizer (KETRA_GPU_QUICK=1) the two smallest cases: both kernels.
+    char const* quick = std::getenv("KETRA_GPU_QUICK");
+    std::size_t const n_cases = quick && std::string(quick) == "1" ? 2 : std::size(cases);
     std::mt19937_64 rng(17);
-    for (Case const& c : cases) {
+    for (Case const& c : std::vector<Case>(cases, cases + n_cases)) {
         SCOPED_TRACE("K=" + std::to_string(c.K) + " N=" + std::to_string(c.N) + (c.force_global ? " global" : ""));
         RecordCheck s;
         set_up(s, c.K, c.L, c.N, c.scale, true, c.pairs, rng);
@@ -137,7 +152,7 @@ std::map<std::string, std::string> run_example(std::vector<std::vector<std::stri
         std::vector<std::string> all = args;
         all.insert(all.end(), more.begin(), more.end());
         auto const result = ketra_test::run_ketra(all, dir.path().string());
-        EXPECT_EQ(result.status, 0) << result.out;
+        EXPECT_EQ(result.status, 0) << "the run's log:\n" << result.out << result.err;
     }
     auto files = ketra_test::without_command_line(ketra_test::collect_output_files(dir.path() / "out"));
     for (auto it = files.begin(); it != files.end();)
@@ -147,9 +162,8 @@ std::map<std::string, std::string> run_example(std::vector<std::vector<std::stri
     return files;
 }
 
-TEST(GpuRecords, GpuRunsWriteThePlainRunsFiles) {
-    std::string const why = hmm_gpu::unavailable_reason();
-    if (!why.empty()) GTEST_SKIP() << why;
+TEST(GpuEngine, GpuRunsWriteThePlainRunsFiles) {
+    SKIP_WITHOUT_DEVICE();
     auto const plain = run_example({{"-print_matrix"}});
     ASSERT_FALSE(plain.empty());
     EXPECT_EQ(run_example({{"-print_matrix", "-gpu", "-threads", "3"}}), plain);

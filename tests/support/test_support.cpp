@@ -91,7 +91,7 @@ std::string inflate_whole(std::string const& path) {
 
 // The echoed command line starts with the binary's path, which depends on the build folder.
 std::string without_binary_path(std::string text) {
-    std::string const path = KETRA_BINARY;
+    std::string const path = ketra_binary();
     for (std::size_t at = text.find(path); at != std::string::npos; at = text.find(path, at))
         text.replace(at, path.size(), "ketra");
     return text;
@@ -109,7 +109,7 @@ std::vector<std::string> small_data_args(std::string const& output) {
 
 RunResult run_ketra(std::vector<std::string> const& args, std::string const& cwd) {
     TempDir capture;
-    std::string command = "cd " + shell_quote(cwd) + " && " + shell_quote(KETRA_BINARY);
+    std::string command = "cd " + shell_quote(cwd) + " && " + shell_quote(ketra_binary());
     for (auto const& a : args) command += " " + shell_quote(a);
     command += " >" + shell_quote(capture.file("out")) + " 2>" + shell_quote(capture.file("err")) + " </dev/null";
     int const raw = std::system(command.c_str());
@@ -151,7 +151,28 @@ std::map<std::string, std::string> without_command_line(std::map<std::string, st
     return files;
 }
 
-std::string source_dir() { return KETRA_SOURCE_DIR; }
+namespace {
+
+// A path from the environment variable, else the build's path relative to the
+// folder of this test program: a folder carried to another machine sets the
+// variables, a build folder needs neither.
+std::string located(char const* variable, char const* relative) {
+    if (char const* set = std::getenv(variable); set && *set) return set;
+    fs::path const here = fs::read_symlink("/proc/self/exe").parent_path();
+    return (here / relative).lexically_normal().string();
+}
+
+}  // namespace
+
+std::string ketra_binary() {
+    static std::string const path = located("KETRA_BINARY", KETRA_BINARY_FROM_TESTS);
+    return path;
+}
+
+std::string source_dir() {
+    static std::string const path = located("KETRA_SOURCE_DIR", KETRA_SOURCE_FROM_TESTS);
+    return path;
+}
 
 hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng) {
     std::vector<int> a(K, -1), b(K, -1), open;

@@ -59,6 +59,10 @@ std::map<std::string, std::string> collect_output_files(boost::filesystem::path 
 std::string without_command_line(std::string text);
 std::map<std::string, std::string> without_command_line(std::map<std::string, std::string> files);
 
+// The program under test and the folder holding the test data (the source
+// tree, or a carried folder): KETRA_BINARY and KETRA_SOURCE_DIR when set, else
+// where the build put them.
+std::string ketra_binary();
 std::string source_dir();
 
 // Equal values, bit for bit (so -0.0 differs from 0.0, and NaN equals itself).
