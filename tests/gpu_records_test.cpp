@@ -58,8 +58,9 @@ struct RecordCheck {
 };
 
 // Built in place: the outputs point into the run.
-void set_up(RecordCheck& s, int K, int L, int N, double scale, bool trees, bool pairs, std::mt19937_64& rng) {
-    s.run = ketra_test::make_run(K, L, N, scale, trees, rng);
+void set_up(RecordCheck& s, int K, int L, int N, double scale, bool trees, bool pairs, std::mt19937_64& rng,
+            bool ends = true) {
+    s.run = ketra_test::make_run(K, L, N, scale, trees, rng, ends);
     std::vector<int> branch_counts(s.run.schedule.flanks.size(), 0);
     for (std::size_t p = 0; p < s.run.trees.size(); ++p) branch_counts[p] = static_cast<int>(s.run.marked[p].size());
     s.layout = result_layout(K, branch_counts, pairs);
@@ -68,31 +69,139 @@ void set_up(RecordCheck& s, int K, int L, int N, double scale, bool trees, bool 
     for (int p = 0; p <= plan.n_positions(); ++p) s.offsets.push_back(plan.branch_offset(p));
 }
 
+// The device's arithmetic for one individual run on the host by a team of
+// the given size, as a record.
+std::vector<double> host_record(RecordCheck const& s, hmm_gpu::HostPlan const& plan, int team, int n,
+                                double* on_chip = nullptr) {
+    std::vector<gpu_arith::TreeView> views;
+    gpu_arith::Plan const bound = plan.bind_host(views);
+    hmm_gpu::HostIndividual device(plan);
+    gpu_arith::Work w = device.buffers;
+    if (on_chip) gpu_arith::carve_on_chip(plan.K(), w, on_chip);
+    ketra_test::on_team(team, [&](auto const& t) {
+        gpu_arith::run_individual(t, bound, s.run.panel.genotypes_of(n), w, device.output());
+    });
+    EXPECT_EQ(device.status, gpu_arith::status_ok);
+    return s.assembled({n, device.view.m, device.view.branches, device.view.pair_posteriors});
+}
+
+// Teams of one and three threads; every forward array kept (slots 0) or a
+// few, recomputed by the checkpoint plan; positions at both ends of the SNPs
+// or not, where the forward pass stops at the last kept SNP and the backward
+// pass at the lowest right flank.
 TEST(GpuRecords, DeviceArithmeticAssemblesTheCpuRecords) {
-    struct Case { int K, L; double scale; bool trees, pairs; int team; };
-    Case const cases[] = {{1, 6, 1.0, true, true, 1},      {2, 1, 1.0, true, false, 3},  {5, 40, 1e-12, true, true, 3},
-                          {9, 25, 1.0, false, true, 1},    {11, 60, 1e-30, true, false, 3}, {16, 12, 1e-3, true, true, 3},
-                          {17, 30, 1e-45, true, true, 3}, {37, 10, 1e-90, true, true, 3},  {3, 8, 1e-120, true, true, 3}};
+    struct Case { int K, L; double scale; bool trees, pairs; int team, slots; bool ends; };
+    Case const cases[] = {{1, 6, 1.0, true, true, 1, 0, true},        {2, 1, 1.0, true, false, 3, 0, true},
+                          {5, 40, 1e-12, true, true, 3, 1, true},     {9, 25, 1.0, false, true, 1, 0, false},
+                          {11, 60, 1e-30, true, false, 3, 2, false},  {16, 12, 1e-3, true, true, 3, 0, true},
+                          {17, 30, 1e-45, true, true, 3, 3, true},    {37, 10, 1e-90, true, true, 3, 0, false},
+                          {3, 8, 1e-120, true, true, 3, 1, true},     {40, 90, 1e-60, true, false, 4, 4, false}};
     std::mt19937_64 rng(23);
     for (Case const& c : cases) {
         SCOPED_TRACE("K=" + std::to_string(c.K) + " L=" + std::to_string(c.L) + (c.trees ? " trees" : "") +
-                     (c.pairs ? " pairs" : ""));
+                     (c.pairs ? " pairs" : "") + " slots=" + std::to_string(c.slots) + (c.ends ? "" : " no ends"));
         int const N = 2;
         RecordCheck s;
-        set_up(s, c.K, c.L, N, c.scale, c.trees, c.pairs, rng);
-        hmm_gpu::HostPlan const plan(s.run.panel, s.run.schedule, s.outputs);
-        std::vector<gpu_arith::TreeView> views;
-        gpu_arith::Plan const bound = plan.bind_host(views);
-        for (int n = 0; n < N; ++n) {
-            hmm_gpu::HostIndividual device(plan);
-            ketra_test::on_team(c.team, [&](auto const& team) {
-                gpu_arith::run_individual(team, bound, s.run.panel.genotypes_of(n), device.buffers, device.output());
-            });
-            ASSERT_EQ(device.status, gpu_arith::status_ok);
-            hmm_gpu::IndividualResult const result{n, device.view.m, device.view.branches, device.view.pair_posteriors};
-            ASSERT_TRUE(same_bits(s.expected(n), s.assembled(result))) << "individual " << n;
+        set_up(s, c.K, c.L, N, c.scale, c.trees, c.pairs, rng, c.ends);
+        hmm_gpu::HostPlan plan(s.run.panel, s.run.schedule, s.outputs);
+        if (c.slots > 0) {
+            plan.set_kept_slots(c.slots);
+            ASSERT_LT(plan.kept_slots(), s.run.schedule.n_kept) << "the case must recompute forward arrays";
         }
+        for (int n = 0; n < N; ++n) ASSERT_TRUE(same_bits(s.expected(n), host_record(s, plan, c.team, n))) << n;
     }
+}
+
+// The shared-memory kernel carves its on-chip buffers from shared_doubles()
+// doubles: the run must reach the last of them and nothing beyond.
+TEST(GpuRecords, SharedLayoutIsWhatTheKernelUses) {
+    std::mt19937_64 rng(5);
+    for (int K : {1, 7, 30}) {
+        SCOPED_TRACE("K=" + std::to_string(K));
+        RecordCheck s;
+        set_up(s, K, 20, 1, 1e-40, true, false, rng);
+        hmm_gpu::HostPlan const plan(s.run.panel, s.run.schedule, s.outputs);
+        double const untouched = -1234.5;
+        std::size_t const extent = plan.shared_doubles(), guard = 64;
+        std::vector<double> chip(extent + guard, untouched);
+        ASSERT_TRUE(same_bits(s.expected(0), host_record(s, plan, 3, 0, chip.data())));
+        std::size_t reached = 0;
+        for (std::size_t k = 0; k < chip.size(); ++k)
+            if (chip[k] != untouched) reached = k + 1;
+        EXPECT_EQ(reached, extent);
+    }
+}
+
+// Kernel, kept forward arrays and batch size against the device's memory, for
+// runs from tiny to beyond any device, with every pair posterior kept or not.
+TEST(GpuRecords, LaunchPlansFitTheDevice) {
+    struct Case { int K, positions; double gib; bool matrix; bool refused, shared, all_kept; };
+    Case const cases[] = {
+        {50, 1, 8, false, false, true, true},         {50, 5000, 8, false, false, true, false},
+        {50, 5000, 80, false, false, true, true},     {50, 5000, 8, true, false, true, true},
+        {200, 200, 8, false, false, true, false},     {200, 200, 139, false, false, true, true},
+        {230, 1, 80, false, false, false, true},      {2000, 200, 8, true, false, false, false},
+        {2000, 200, 80, false, false, false, false},  {2000, 5000, 139, true, true, false, false},
+        {8000, 1, 8, false, false, false, true},      {8000, 1, 8, true, false, false, true},
+        {8000, 5000, 8, false, false, false, false},  {8000, 5000, 139, false, false, false, false},
+        {8000, 5000, 139, true, true, false, false},
+    };
+    int const N = 500, sms = 132;
+    for (Case const& c : cases) {
+        SCOPED_TRACE("K=" + std::to_string(c.K) + " positions=" + std::to_string(c.positions) + " " +
+                     std::to_string(c.gib) + " GiB" + (c.matrix ? " -print_matrix" : ""));
+        hmm_gpu::RunShape shape;
+        shape.K = c.K;
+        shape.L = 2 * c.positions + 1;
+        shape.n_positions = c.positions;
+        shape.n_kept = c.positions;
+        shape.max_nodes = 2 * c.K - 1;
+        shape.branch_values = static_cast<std::size_t>(c.positions) * (2 * c.K - 1);
+        shape.pair_posteriors = c.matrix;
+        hmm_gpu::DeviceLimits device;
+        device.free_bytes = static_cast<std::size_t>(c.gib * (1ull << 30));
+        device.shared_per_block = 227 << 10;
+        device.multiprocessors = sms;
+        hmm_gpu::LaunchPlan const launch = hmm_gpu::plan_launch(shape, device, N);
+        auto bytes = [&](int slots) {
+            return 8 * (hmm_gpu::work_doubles(shape, slots) + hmm_gpu::result_doubles(shape)) + shape.L + 4;
+        };
+        double const usable = 0.9 * static_cast<double>(device.free_bytes) / 2;
+        EXPECT_EQ(!launch.refusal.empty(), c.refused) << launch.refusal;
+        if (c.refused) {
+            EXPECT_NE(launch.refusal.find("MiB"), std::string::npos) << launch.refusal;
+            EXPECT_GT(static_cast<double>(bytes(1)), usable);
+            continue;
+        }
+        EXPECT_EQ(launch.shared, c.shared);
+        EXPECT_EQ(launch.kept_slots == c.positions, c.all_kept);
+        EXPECT_GE(launch.kept_slots, 1);
+        EXPECT_LE(launch.kept_slots, c.positions);
+        EXPECT_EQ(launch.individual_bytes, bytes(launch.kept_slots));
+        EXPECT_GE(launch.batch, 1);
+        EXPECT_LE(static_cast<double>(launch.batch) * launch.individual_bytes, usable);
+        // Fewer slots only to fit twice the multiprocessors, and no fewer than that needs.
+        std::size_t const result_bytes = 8 * hmm_gpu::result_doubles(shape);
+        int const wanted = static_cast<int>(std::min<std::size_t>(
+            std::min(N, 2 * sms), std::max<std::size_t>(1, device.host_result_bytes / result_bytes)));
+        if (launch.kept_slots < c.positions) {
+            EXPECT_TRUE(launch.batch >= wanted || launch.kept_slots == 1) << launch.batch;
+            EXPECT_GT(static_cast<double>(wanted) * bytes(launch.kept_slots + 1), usable);
+        }
+        EXPECT_EQ(launch.threads, std::min(c.shared ? 256 : 512, (c.K + 31) / 32 * 32));
+    }
+    // Positions in an order that needs every forward array: all kept, or refused.
+    hmm_gpu::RunShape shape;
+    shape.K = 2000;
+    shape.L = 4001;
+    shape.n_positions = shape.n_kept = 2000;
+    shape.checkpoints = false;
+    hmm_gpu::DeviceLimits device;
+    device.free_bytes = std::size_t(8) << 30;
+    device.shared_per_block = 227 << 10;
+    EXPECT_FALSE(hmm_gpu::plan_launch(shape, device, N).refusal.empty());
+    shape.n_positions = shape.n_kept = 100;
+    EXPECT_EQ(hmm_gpu::plan_launch(shape, device, N).kept_slots, 100);
 }
 
 TEST(GpuEngine, WithoutADeviceGpuRunsStopWithTheCause) {
@@ -111,11 +220,13 @@ TEST(GpuEngine, WithoutADeviceGpuRunsStopWithTheCause) {
 
 TEST(GpuEngine, BatchesGiveTheCpuRecords) {
     SKIP_WITHOUT_DEVICE();
-    struct Case { int K, L, N; double scale; bool force_global, pairs; };
+    // slots: at most that many forward arrays kept (0: as the memory allows).
+    struct Case { int K, L, N; double scale; bool force_global, pairs; int slots; bool ends; };
     Case const cases[] = {
-        {1, 5, 3, 1.0, false, true},      {13, 50, 40, 1e-30, true, true},   {37, 80, 700, 1.0, false, false},
-        {200, 120, 300, 1e-20, false, false}, {200, 40, 20, 1.0, true, true},
-        {300, 30, 6, 1e-40, false, false},  // too large for shared memory
+        {1, 5, 3, 1.0, false, true, 0, true},        {13, 50, 40, 1e-30, true, true, 2, false},
+        {37, 80, 700, 1.0, false, false, 0, true},   {200, 120, 300, 1e-20, false, false, 3, false},
+        {200, 40, 20, 1.0, true, true, 0, true},     {60, 90, 50, 1e-50, false, false, 1, true},
+        {300, 30, 6, 1e-40, false, false, 2, true},  // too large for shared memory
     };
     // Under compute-sanitizer (KETRA_GPU_QUICK=1) the two smallest cases: both kernels.
     char const* quick = std::getenv("KETRA_GPU_QUICK");
@@ -124,9 +235,10 @@ TEST(GpuEngine, BatchesGiveTheCpuRecords) {
     for (Case const& c : std::vector<Case>(cases, cases + n_cases)) {
         SCOPED_TRACE("K=" + std::to_string(c.K) + " N=" + std::to_string(c.N) + (c.force_global ? " global" : ""));
         RecordCheck s;
-        set_up(s, c.K, c.L, c.N, c.scale, true, c.pairs, rng);
-        hmm_gpu::Engine engine(s.run.panel, s.run.schedule, s.outputs, c.force_global);
+        set_up(s, c.K, c.L, c.N, c.scale, true, c.pairs, rng, c.ends);
+        hmm_gpu::Engine engine(s.run.panel, s.run.schedule, s.outputs, c.force_global, c.slots);
         EXPECT_EQ(engine.shared_memory_kernel(), !c.force_global && c.K <= 200);
+        EXPECT_EQ(engine.kept_slots() < s.run.schedule.n_kept, c.slots > 0);
         std::vector<int> order(c.N);
         for (int k = 0; k < c.N; ++k) order[k] = c.N - 1 - k;  // any order, handed back as given
         std::size_t next = 0;

@@ -189,7 +189,7 @@ hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng) {
     return hmm_kernel::BranchLayout(K, a, b);
 }
 
-RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng) {
+RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng, bool ends) {
     RunData run;
     hmm_kernel::Panel& p = run.panel;
     p.K = K;
@@ -208,12 +208,14 @@ RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt1993
     for (int g = 0; g < 4; ++g)
         for (int a = 0; a < 3; ++a) p.emission[g][a] = g == 3 ? 1.0 : (a == g ? 0.9 : 0.05) * scale;
     for (int k = 0; k < N * L; ++k) p.genotypes.push_back(static_cast<std::uint8_t>(rng() % 4));
-    std::vector<double> positions = {p.position.front()};
-    for (int s = 0; s + 1 < L; ++s) {
+    std::vector<double> positions;
+    if (ends) positions.push_back(p.position.front());
+    for (int s = ends ? 0 : 1; s + (ends ? 1 : 2) < L; ++s) {
         if (rng() % 3 == 0) positions.push_back(p.position[s]);
         if (rng() % 3 == 0) positions.push_back(0.5 * (p.position[s] + p.position[s + 1]));
     }
-    positions.push_back(p.position.back());
+    if (ends) positions.push_back(p.position.back());
+    else if (positions.empty()) positions.push_back(p.position[L / 2]);
     run.schedule = hmm_kernel::Schedule(L, hmm_kernel::find_flanks(p.position, p.rate_per_base, positions));
     for (std::size_t q = 0; with_trees && q < positions.size(); ++q) {
         position_tree tree{random_layout(K, rng), {}};

@@ -124,6 +124,8 @@ struct RunData {
     std::vector<hmm_kernel::BranchLayout> layouts;  // the trees' parts, as the GPU plan takes them
     std::vector<std::vector<int>> marked;
 };
-RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng);
+// Without ends, no position lies at the first or the last SNP (L >= 4), so
+// that the passes can stop short of them.
+RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng, bool ends = true);
 
 }  // namespace ketra_test
