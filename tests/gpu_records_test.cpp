@@ -85,7 +85,8 @@ std::vector<double> host_record(RecordCheck const& s, hmm_gpu::HostPlan const& p
     return s.assembled({n, device.view.m, device.view.branches, device.view.pair_posteriors});
 }
 
-// Teams of one and three threads; every forward array kept (slots 0) or a
+// Teams of one to four threads, and of 8 and 16 in groups of eight lanes as
+// on the device; every forward array kept (slots 0) or a
 // few, recomputed by the checkpoint plan; positions at both ends of the SNPs
 // or not, where the forward pass stops at the last kept SNP and the backward
 // pass at the lowest right flank.
@@ -95,7 +96,8 @@ TEST(GpuRecords, DeviceArithmeticAssemblesTheCpuRecords) {
                           {5, 40, 1e-12, true, true, 3, 1, true},     {9, 25, 1.0, false, true, 1, 0, false},
                           {11, 60, 1e-30, true, false, 3, 2, false},  {16, 12, 1e-3, true, true, 3, 0, true},
                           {17, 30, 1e-45, true, true, 3, 3, true},    {37, 10, 1e-90, true, true, 3, 0, false},
-                          {3, 8, 1e-120, true, true, 3, 1, true},     {40, 90, 1e-60, true, false, 4, 4, false}};
+                          {3, 8, 1e-120, true, true, 3, 1, true},     {40, 90, 1e-60, true, false, 4, 4, false},
+                          {19, 30, 1e-40, true, true, 8, 2, false},   {26, 14, 1e-70, true, false, 16, 0, true}};
     std::mt19937_64 rng(23);
     for (Case const& c : cases) {
         SCOPED_TRACE("K=" + std::to_string(c.K) + " L=" + std::to_string(c.L) + (c.trees ? " trees" : "") +

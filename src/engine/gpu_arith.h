@@ -53,12 +53,19 @@ KETRA_HD double emission(const double* h, const double* ecol, int i, int j) {
 }
 
 // ---- Teams -------------------------------------------------------------------
+// A team has rank(), size() and sync(), and lanes(): 8 when its threads work
+// in groups of eight consecutive ranks (size a multiple of 8), else 1. With
+// groups, lane_tree_sum(p), called by every thread of the team at once,
+// returns to each thread of a group ((p0 + p1) + (p2 + p3)) + ((p4 + p5) +
+// (p6 + p7)), p_u being lane u's value.
 
 // One thread doing all the work.
 struct SerialTeam {
     KETRA_HD int rank() const { return 0; }
     KETRA_HD int size() const { return 1; }
     KETRA_HD void sync() const {}
+    KETRA_HD int lanes() const { return 1; }
+    KETRA_HD double lane_tree_sum(double p) const { return p; }
 };
 
 // ---- Row producers -------------------------------------------------------------
@@ -154,7 +161,7 @@ struct DivideRow {  // P = P / by
 // Every team function starts and ends with all threads in step: what one
 // thread wrote is visible to all on return.
 
-// Off-diagonal sum (eight partials) and diagonal value of row i.
+// Off-diagonal sum (eight partials) and diagonal value of row i, by one thread.
 template <class Row>
 KETRA_HD void row_pass(Row const& row, int i, double* off, double* diag) {
     std::size_t const o = tri_offset(i);
@@ -191,18 +198,46 @@ KETRA_HD double total_of(int K, const double* off, const double* diag) {
 // Forms the values of T row by row, then the row sums R (unless null) column
 // by column; returns the total. R may be the array the rows read: it is
 // written only after every row is done. work holds 2K + 1 doubles.
+//
+// The threads of a warp read neighbouring addresses in both phases, and every
+// sum keeps its order. Rows: with groups of eight, lane u of a group forms
+// the entries j = u mod 8 of the group's row in increasing j, which is the
+// CPU's partial sum p_u, and the group adds the eight partials in the CPU's
+// tree. Columns: thread j owns column j, and all threads walk the rows
+// together, each adding row i's entry of its column once i > j: the rows in
+// order, as the CPU adds them, and neighbouring columns of one row at once.
 template <class Team, class Row>
 KETRA_HD double sweep(Team const& team, int K, Row const& row, const double* T, double* R, double* work) {
     double* off = work;
     double* diag = work + K;
     double* total = work + 2 * K;
-    for (int i = team.rank(); i < K; i += team.size()) row_pass(row, i, off, diag);
+    int const size = team.size();
+    if (team.lanes() == 1) {
+        for (int i = team.rank(); i < K; i += size) row_pass(row, i, off, diag);
+    } else {
+        int const groups = size / 8, u = team.rank() % 8;
+        // Every thread takes the same number of rounds: the groups sum together.
+        for (int first = 0; first < K; first += groups) {
+            int const i = first + team.rank() / 8;
+            std::size_t const o = tri_offset(i < K ? i : 0);
+            double p = 0.0;
+            if (i < K)
+                for (int j = u; j < i; j += 8) p += row.value(i, j, o);
+            double const sum = team.lane_tree_sum(p);
+            if (i < K && u == 0) {
+                off[i] = sum;
+                diag[i] = row.value(i, i, o);
+            }
+        }
+    }
     team.sync();
     if (R) {
-        for (int j = team.rank(); j < K; j += team.size()) {
-            double r = off[j] + diag[j];
-            for (int i = j + 1; i < K; ++i) r += T[tri_offset(i) + j];
-            R[j] = r;
+        for (int c = 0; c < K; c += size) {
+            int const j = c + team.rank();
+            double r = j < K ? off[j] + diag[j] : 0.0;
+            for (int i = c + 1; i < K; ++i)
+                if (j < i) r += T[tri_offset(i) + j];
+            if (j < K) R[j] = r;
         }
     }
     if (team.rank() == team.size() - 1) *total = total_of(K, off, diag);
@@ -230,12 +265,15 @@ KETRA_HD void fill(Team const& team, std::size_t n, double* x, double value) {
     team.sync();
 }
 
-// Calls f(i, j, o) for every entry, one row per thread.
+// Calls f(i, j, o) for every entry: one row per thread, or per group of
+// eight lanes, lane u taking the entries j = u mod 8.
 template <class Team, class F>
 KETRA_HD void for_each_entry(Team const& team, int K, F const& f) {
-    for (int i = team.rank(); i < K; i += team.size()) {
+    int const lanes = team.lanes();
+    int const u = team.rank() % lanes;
+    for (int i = team.rank() / lanes; i < K; i += team.size() / lanes) {
         std::size_t const o = tri_offset(i);
-        for (int j = 0; j <= i; ++j) f(i, j, o);
+        for (int j = u; j <= i; j += lanes) f(i, j, o);
     }
     team.sync();
 }

@@ -38,6 +38,25 @@ struct BlockTeam {
         __syncthreads();
 #endif
     }
+    // Blocks are whole warps: groups of eight lanes, summed with shuffles.
+    __host__ __device__ int lanes() const {
+#ifdef __CUDA_ARCH__
+        return 8;
+#else
+        return 1;
+#endif
+    }
+    __host__ __device__ double lane_tree_sum(double p) const {
+#ifdef __CUDA_ARCH__
+        // Lane u adds lane u^1's value, then u^2's sum, then u^4's: the
+        // tree ((p0 + p1) + (p2 + p3)) + ((p4 + p5) + (p6 + p7)), as
+        // addition is commutative bit for bit.
+        p += __shfl_xor_sync(0xffffffffu, p, 1);
+        p += __shfl_xor_sync(0xffffffffu, p, 2);
+        p += __shfl_xor_sync(0xffffffffu, p, 4);
+#endif
+        return p;
+    }
 };
 
 extern __shared__ double on_chip[];

@@ -74,18 +74,30 @@ inline ::testing::AssertionResult same_bits(std::vector<double> const& a, std::v
     return ::testing::AssertionSuccess();
 }
 
-// A team of threads that meet at every sync, as the threads of a GPU block do.
+// A team of threads that meet at every sync, as the threads of a GPU block do;
+// a size that is a multiple of 8 works in groups of eight lanes.
 struct ThreadTeam {
     struct Barrier {
         std::mutex m;
         std::condition_variable cv;
         int n, waiting = 0;
         long generation = 0;
+        std::vector<double> lane_values;
     };
     int r, s;
     Barrier* barrier;
     int rank() const { return r; }
     int size() const { return s; }
+    int lanes() const { return s % 8 == 0 ? 8 : 1; }
+    double lane_tree_sum(double p) const {
+        if (lanes() == 1) return p;
+        barrier->lane_values[r] = p;
+        sync();
+        const double* v = barrier->lane_values.data() + (r / 8) * 8;
+        double const sum = ((v[0] + v[1]) + (v[2] + v[3])) + ((v[4] + v[5]) + (v[6] + v[7]));
+        sync();  // before the next call writes the values again
+        return sum;
+    }
     void sync() const {
         std::unique_lock<std::mutex> lock(barrier->m);
         long const g = barrier->generation;
@@ -104,6 +116,7 @@ template <class F>
 void on_team(int size, F const& f) {
     ThreadTeam::Barrier barrier;
     barrier.n = size;
+    barrier.lane_values.assign(size, 0.0);
     std::vector<std::thread> threads;
     for (int r = 0; r < size; ++r) threads.emplace_back([&, r] { f(ThreadTeam{r, size, &barrier}); });
     for (auto& t : threads) t.join();
