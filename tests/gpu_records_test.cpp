@@ -7,11 +7,13 @@
 // sets) turns every skip for want of a device into a failure.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -132,6 +134,136 @@ TEST(GpuRecords, SharedLayoutIsWhatTheKernelUses) {
             if (chip[k] != untouched) reached = k + 1;
         EXPECT_EQ(reached, extent);
     }
+}
+
+// The team functions alone against the CPU kernel's: row sums and totals for
+// every K around the groups of eight, and branch sums on random trees and on
+// combs leaning either way (the most rows a tree can have), at a K where the
+// CPU takes its row sums without a copy of P.
+TEST(GpuRecords, TeamSumsAreTheCpuKernels) {
+    std::mt19937_64 rng(41);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    for (int K : {1, 7, 8, 9, 33, 150}) {
+        std::vector<double> T(gpu_arith::tri_size(K));
+        for (double& x : T) x = u(rng) * u(rng);
+        std::vector<double> R_cpu(K);
+        double const total_cpu = hmm_kernel::row_sums(K, T.data(), R_cpu.data());
+        for (int team : {1, 3, 8, 24}) {
+            std::vector<double> R(K, -1.0), work(2 * K + 1);
+            double total = 0.0;
+            ketra_test::on_team(team, [&](auto const& t) {
+                double const got = gpu_arith::sweep(t, K, gpu_arith::SumRow{T.data()}, T.data(), R.data(), work.data());
+                if (t.rank() == 0) total = got;
+            });
+            EXPECT_TRUE(same_bits(R, R_cpu)) << "K=" << K << " team " << team;
+            EXPECT_TRUE(same_bits({total}, {total_cpu})) << "K=" << K << " team " << team;
+        }
+    }
+    for (int K : {150, 1100}) {
+        std::vector<double> P(gpu_arith::tri_size(K)), m(K);
+        for (double& x : P) x = u(rng) * u(rng);
+        hmm_kernel::haplotype_probabilities(K, P.data(), m.data());
+        std::vector<hmm_kernel::BranchLayout> layouts = {ketra_test::random_layout(K, rng)};
+        for (bool leaf_first : {false, true}) {
+            std::vector<int> a(K, -1), b(K, -1);
+            for (int k = 1, below = 0; k < K; ++k, below = static_cast<int>(a.size()) - 1) {
+                a.push_back(leaf_first ? k : below);
+                b.push_back(leaf_first ? below : k);
+            }
+            layouts.emplace_back(K, a, b);
+        }
+        for (auto const& layout : layouts) {
+            int const nodes = layout.n_nodes();
+            std::vector<double> both(nodes), one(nodes), cpu_work(2 * nodes);
+            hmm_kernel::branch_probabilities(layout, P.data(), m.data(), both.data(), one.data(), cpu_work.data());
+            std::vector<int> marked(nodes);
+            for (int v = 0; v < nodes; ++v) marked[v] = v;
+            std::vector<std::size_t> row_start = layout.row_start;
+            row_start.push_back(gpu_arith::tri_size(K));  // room enough for every row
+            gpu_arith::TreeView const view{nodes,         layout.child_a.data(), layout.child_b.data(),
+                                           layout.lo.data(), layout.hi.data(),   layout.order.data(),
+                                           marked.data(),  nodes,                row_start.data()};
+            std::vector<double> out(2 * nodes), rows(gpu_arith::tri_size(K)), work(3 * nodes);
+            ketra_test::on_team(16, [&](auto const& t) {
+                gpu_arith::branch_probabilities(t, K, view, P.data(), m.data(), out.data(), rows.data(), work.data());
+            });
+            std::vector<double> expected;
+            for (int v = 0; v < nodes; ++v) expected.insert(expected.end(), {both[v], one[v]});
+            EXPECT_TRUE(same_bits(out, expected)) << "K=" << K;
+        }
+    }
+}
+
+// One individual's buffers, carved from its work and result arrays, lie
+// inside them and apart from each other, with and without the pair
+// posteriors and the forward values of recomputing sweeps.
+TEST(GpuRecords, CarvedBuffersAreInsideAndApart) {
+    std::mt19937_64 rng(8);
+    for (bool pairs : {false, true})
+        for (int slots : {0, 1, 3}) {
+            SCOPED_TRACE(std::string(pairs ? "pairs" : "no pairs") + " slots=" + std::to_string(slots));
+            RecordCheck s;
+            set_up(s, 6, 30, 1, 1.0, true, pairs, rng);
+            hmm_gpu::HostPlan plan(s.run.panel, s.run.schedule, s.outputs);
+            if (slots > 0) plan.set_kept_slots(slots);
+            hmm_gpu::HostIndividual device(plan);
+            gpu_arith::Work const& w = device.buffers;
+            hmm_gpu::HostPlan::ResultView const& r = device.view;
+            std::size_t const n = gpu_arith::tri_size(6), K = 6, P = plan.n_positions();
+            std::size_t const kept = gpu_arith::kept_stride(6) * plan.kept_slots();
+            std::size_t nodes = 0;
+            for (auto const& layout : s.run.layouts) nodes = std::max<std::size_t>(nodes, layout.n_nodes());
+            struct Span { const double* at; std::size_t size; };
+            std::vector<Span> spans = {{w.pairs, n},  {w.B, n},         {w.backup, n},        {w.kept, kept},
+                                       {w.R0, K},     {w.R1, K},        {w.RS, K},            {w.work, 4 * K + 1 + 3 * nodes},
+                                       {r.m, P * K},  {r.branches, plan.branch_offset(P)}};
+            spans.push_back({w.P, pairs ? P * n : n});
+            EXPECT_EQ(w.F != nullptr, plan.kept_slots() < s.run.schedule.n_kept);
+            if (w.F) spans.push_back({w.F, n});
+            EXPECT_EQ(r.pair_posteriors, pairs ? w.P : nullptr);
+            std::vector<int> owner(device.work.size() + device.result.size(), -1);
+            for (std::size_t k = 0; k < spans.size(); ++k) {
+                bool const in_work = spans[k].at >= device.work.data() &&
+                                     spans[k].at + spans[k].size <= device.work.data() + device.work.size();
+                bool const in_result = spans[k].at >= device.result.data() &&
+                                       spans[k].at + spans[k].size <= device.result.data() + device.result.size();
+                ASSERT_TRUE(in_work || in_result) << "buffer " << k;
+                std::size_t const first = in_work ? spans[k].at - device.work.data()
+                                                  : device.work.size() + (spans[k].at - device.result.data());
+                for (std::size_t d = first; d < first + spans[k].size; ++d) {
+                    ASSERT_EQ(owner[d], -1) << "buffers " << owner[d] << " and " << k << " overlap";
+                    owner[d] = static_cast<int>(k);
+                }
+            }
+        }
+}
+
+// Plans that do not fit the panel are refused before anything runs.
+TEST(GpuRecords, PlansThatDoNotFitThePanelAreRefused) {
+    std::mt19937_64 rng(3);
+    RecordCheck s;
+    set_up(s, 5, 12, 1, 1.0, true, false, rng);
+    auto refused = [&](hmm_kernel::Schedule const& schedule, std::vector<hmm_kernel::BranchLayout> layouts,
+                       std::vector<std::vector<int>> marked) {
+        hmm_gpu::Outputs const outputs{&layouts, &marked, false};
+        try {
+            hmm_gpu::HostPlan const plan(s.run.panel, schedule, outputs);
+        } catch (std::invalid_argument const&) {
+            return true;
+        }
+        return false;
+    };
+    EXPECT_FALSE(refused(s.run.schedule, s.run.layouts, s.run.marked));
+    EXPECT_TRUE(refused(hmm_kernel::Schedule(11, {}), s.run.layouts, s.run.marked));
+    auto fewer = s.run.layouts;
+    fewer.pop_back();
+    EXPECT_TRUE(refused(s.run.schedule, fewer, s.run.marked));
+    auto outside = s.run.marked;
+    outside[0].push_back(s.run.layouts[0].n_nodes());
+    EXPECT_TRUE(refused(s.run.schedule, s.run.layouts, outside));
+    auto other_K = s.run.layouts;
+    other_K[0] = ketra_test::random_layout(4, rng);
+    EXPECT_TRUE(refused(s.run.schedule, other_K, s.run.marked));
 }
 
 // Kernel, kept forward arrays and batch size against the device's memory, for
