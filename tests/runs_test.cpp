@@ -467,7 +467,7 @@ TEST(SplitRun, BadChunksEndWithStatusOne) {
 TEST(Strict, KilledRunsLeaveNoPartFileUnderAFinalName) {
     TempDir dir;
     copy_example_data(dir);
-    std::string const cd = "cd " + dir.path().string() + " && ", command = " " + std::string(KETRA_BINARY) +
+    std::string const cd = "cd " + dir.path().string() + " && ", command = " " + ketra_test::ketra_binary() +
         " -h ref.hap -l ref.legend -m map.txt -g study.gen.gz -tree_file trees.txt -buffer 15"
         " -int 1350000 1395000 -tavlo_input -print_matrix -strict ";
     std::mt19937 rng(12345);
@@ -511,7 +511,7 @@ TEST(Strict, OutOfMemoryIsOneClearLine) {
     std::string hap;  // K = 6000: one pair array alone is 144 MB
     for (int i = 0; i < 7 * 6000; ++i) hap += i % 6000 == 5999 ? "1\n" : i % 3 ? "0 " : "1 ";
     write_file(dir.file("ref.hap"), hap);
-    std::string command = "cd " + dir.path().string() + " && ulimit -v 120000 && " + KETRA_BINARY;
+    std::string command = "cd " + dir.path().string() + " && ulimit -v 120000 && " + ketra_test::ketra_binary();
     for (auto const& a : small_data_args()) command += " " + a;
     for (std::string const strict : {"", " -strict"}) {
         int const raw = std::system((command + strict + " >out.txt 2>err.txt").c_str());

@@ -38,14 +38,28 @@ struct BlockTeam {
         __syncthreads();
 #endif
     }
+    // Blocks are whole warps: groups of eight lanes, summed with shuffles.
+    __host__ __device__ int lanes() const {
+#ifdef __CUDA_ARCH__
+        return 8;
+#else
+        return 1;
+#endif
+    }
+    __host__ __device__ double lane_tree_sum(double p) const {
+#ifdef __CUDA_ARCH__
+        // Lane u adds lane u^1's value, then u^2's sum, then u^4's: the
+        // tree ((p0 + p1) + (p2 + p3)) + ((p4 + p5) + (p6 + p7)), as
+        // addition is commutative bit for bit.
+        p += __shfl_xor_sync(0xffffffffu, p, 1);
+        p += __shfl_xor_sync(0xffffffffu, p, 2);
+        p += __shfl_xor_sync(0xffffffffu, p, 4);
+#endif
+        return p;
+    }
 };
 
 extern __shared__ double on_chip[];
-
-// Threads per block: the shared-memory kernel holds at most a few hundred
-// haplotypes, and fewer threads leave each more registers.
-constexpr int max_threads_shared = 256;
-constexpr int max_threads_global = 512;
 
 // w and out are individual 0's buffers; individual b's lie b strides further.
 template <bool kShared>
@@ -55,15 +69,13 @@ __global__ void __launch_bounds__(kShared ? max_threads_shared : max_threads_glo
     std::size_t const b = blockIdx.x;
     std::size_t const ws = work_stride * b, rs = result_stride * b;
     w.kept += ws;
+    if (w.F) w.F += ws;
     w.B += ws;
     w.backup += ws;
+    w.RS += ws;
     w.P += plan.every_posterior ? rs : ws;
     if (kShared) {
-        std::size_t const n = gpu_arith::tri_size(plan.K);
-        w.pairs = on_chip;
-        w.R0 = on_chip + n;
-        w.R1 = w.R0 + plan.K;
-        w.work = w.R1 + plan.K;
+        gpu_arith::carve_on_chip(plan.K, w, on_chip);
     } else {
         w.pairs += ws;
         w.R0 += ws;
@@ -101,11 +113,6 @@ T* upload(std::vector<T> const& v, std::vector<void*>& owned) {
     if (!v.empty()) check(cudaMemcpy(d, v.data(), v.size() * sizeof(T), cudaMemcpyHostToDevice), "uploading the plan");
     return d;
 }
-
-double mib(std::size_t bytes) { return static_cast<double>(bytes) / (1024.0 * 1024.0); }
-
-// Results of one batch come back to pinned memory of at most this size.
-constexpr std::size_t host_result_limit = std::size_t(1) << 30;
 
 }  // namespace
 
@@ -151,7 +158,8 @@ struct Engine::Impl {
     };
     Slot slots[2];
 
-    Impl(hmm_kernel::Panel const& p, hmm_kernel::Schedule const& schedule, Outputs const& outputs, bool force_global)
+    Impl(hmm_kernel::Panel const& p, hmm_kernel::Schedule const& schedule, Outputs const& outputs, bool force_global,
+         int kept_slots_limit)
         : panel(p), plan(p, schedule, outputs) {
         std::string const why = unavailable_reason();
         if (!why.empty()) throw gpu_error("GPU engine: " + why);
@@ -159,47 +167,38 @@ struct Engine::Impl {
         cudaDeviceProp prop;
         check(cudaGetDeviceProperties(&prop, 0), "querying the device");
 
-        HostPlan::Arrays const a = plan.arrays();
-        HostPlan::Addresses at{};
-        for (int k = 0; k < 4; ++k) at.doubles[k] = upload(*a.doubles[k], owned);
-        for (int k = 0; k < 4; ++k) at.ints[k] = upload(*a.ints[k], owned);
-        at.positions = upload(*a.positions, owned);
-        at.trees = upload(plan.tree_views(at.ints[3]), owned);
-        device_plan = plan.bind(at);
-
-        int const K = plan.K();
+        // Kernel, kept forward arrays and batch size for the free memory.
+        DeviceLimits limits;
         int optin = 0;
         check(cudaDeviceGetAttribute(&optin, cudaDevAttrMaxSharedMemoryPerBlockOptin, 0), "querying shared memory");
+        limits.shared_per_block = static_cast<std::size_t>(optin);
+        limits.multiprocessors = prop.multiProcessorCount;
+        std::size_t total_bytes = 0;
+        check(cudaMemGetInfo(&limits.free_bytes, &total_bytes), "querying free memory");
+        LaunchPlan const launch = plan_launch(plan.shape(), limits, panel.N, force_global);
+        if (!launch.refusal.empty()) throw gpu_error("GPU engine: " + launch.refusal);
+        plan.set_kept_slots(kept_slots_limit > 0 ? std::min(launch.kept_slots, kept_slots_limit) : launch.kept_slots);
+        shared = launch.shared;
+        threads = launch.threads;
+        capacity = launch.batch;
         shared_bytes = plan.shared_doubles() * sizeof(double);
-        shared = !force_global && shared_bytes <= static_cast<std::size_t>(optin);
-        threads = std::min(shared ? max_threads_shared : max_threads_global, std::max(32, (K + 31) / 32 * 32));
         if (shared)
             check(cudaFuncSetAttribute(individuals_kernel<true>, cudaFuncAttributeMaxDynamicSharedMemorySize,
                                        static_cast<int>(shared_bytes)),
                   "reserving shared memory");
 
-        // Batches sized to the free memory, two of them in flight.
+        HostPlan::Arrays const a = plan.arrays();
+        HostPlan::Addresses at{};
+        for (int k = 0; k < 4; ++k) at.doubles[k] = upload(*a.doubles[k], owned);
+        for (int k = 0; k < 5; ++k) at.ints[k] = upload(*a.ints[k], owned);
+        at.sizes = upload(*a.sizes, owned);
+        at.positions = upload(*a.positions, owned);
+        at.trees = upload(plan.tree_views(at.ints[3], at.sizes), owned);
+        device_plan = plan.bind(at);
+
         work_stride = plan.work_doubles();
         result_stride = plan.result_doubles();
         std::size_t const L = static_cast<std::size_t>(plan.L());
-        std::size_t const per_individual = (work_stride + result_stride) * sizeof(double) + L + sizeof(int);
-        std::size_t free_bytes = 0, total_bytes = 0;
-        check(cudaMemGetInfo(&free_bytes, &total_bytes), "querying free memory");
-        std::size_t const usable = free_bytes / 10 * 9 / 2;
-        if (per_individual > usable) {
-            std::ostringstream why;
-            why << "GPU engine: one individual needs " << mib(2 * per_individual) << " MiB of device memory, "
-                << mib(free_bytes) << " MiB are free";
-            throw gpu_error(why.str());
-        }
-        std::size_t cap = usable / per_individual;
-        cap = std::min(cap, std::max<std::size_t>(1, host_result_limit / std::max<std::size_t>(1, result_stride * 8)));
-        // Several batches let transfers and results overlap the kernels.
-        std::size_t const N = static_cast<std::size_t>(std::max(panel.N, 1));
-        cap = std::min(cap, std::max<std::size_t>(2 * prop.multiProcessorCount, (N + 3) / 4));
-        cap = std::min(cap, N);
-        capacity = static_cast<int>(std::max<std::size_t>(1, cap));
-
         for (Slot& s : slots) {
             check(cudaStreamCreateWithFlags(&s.stream, cudaStreamNonBlocking), "creating a stream");
             s.genotypes = device_alloc<std::uint8_t>(capacity * L, "allocating genotypes");
@@ -269,8 +268,8 @@ struct Engine::Impl {
 };
 
 Engine::Engine(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule, Outputs const& outputs,
-               bool force_global_memory)
-    : impl_(new Impl(panel, schedule, outputs, force_global_memory)) {}
+               bool force_global_memory, int kept_slots_limit)
+    : impl_(new Impl(panel, schedule, outputs, force_global_memory, kept_slots_limit)) {}
 
 Engine::~Engine() = default;
 
@@ -305,5 +304,6 @@ void Engine::run(std::vector<int> const& individuals, std::function<void(Individ
 std::size_t Engine::branch_offset(int position) const { return impl_->plan.branch_offset(position); }
 bool Engine::shared_memory_kernel() const { return impl_->shared; }
 int Engine::batch_size() const { return impl_->capacity; }
+int Engine::kept_slots() const { return impl_->plan.kept_slots(); }
 
 }  // namespace hmm_gpu

@@ -35,10 +35,11 @@ struct IndividualResult {
 class Engine {
 public:
     // Uploads the panel and plan. force_global_memory picks the global-memory
-    // kernel even where the pair states fit in shared memory. Throws
-    // gpu_error when the device cannot take the run.
+    // kernel even where the pair states fit in shared memory; kept_slots_limit
+    // (when positive) keeps at most that many forward arrays, as on a device
+    // with less memory. Throws gpu_error when the device cannot take the run.
     Engine(hmm_kernel::Panel const& panel, hmm_kernel::Schedule const& schedule, Outputs const& outputs,
-           bool force_global_memory = false);
+           bool force_global_memory = false, int kept_slots_limit = 0);
     ~Engine();
     Engine(Engine const&) = delete;
     Engine& operator=(Engine const&) = delete;
@@ -51,6 +52,7 @@ public:
     std::size_t branch_offset(int position) const;
     bool shared_memory_kernel() const;
     int batch_size() const;
+    int kept_slots() const;
 
 private:
     struct Impl;

@@ -11,7 +11,9 @@ std::string unavailable_reason() { return no_cuda; }
 
 struct Engine::Impl {};
 
-Engine::Engine(hmm_kernel::Panel const&, hmm_kernel::Schedule const&, Outputs const&, bool) { throw gpu_error(no_cuda); }
+Engine::Engine(hmm_kernel::Panel const&, hmm_kernel::Schedule const&, Outputs const&, bool, int) {
+    throw gpu_error(no_cuda);
+}
 Engine::~Engine() = default;
 void Engine::run(std::vector<int> const&, std::function<void(IndividualResult const&)> const&) {
     throw gpu_error(no_cuda);
@@ -19,5 +21,6 @@ void Engine::run(std::vector<int> const&, std::function<void(IndividualResult co
 std::size_t Engine::branch_offset(int) const { return 0; }
 bool Engine::shared_memory_kernel() const { return false; }
 int Engine::batch_size() const { return 0; }
+int Engine::kept_slots() const { return 0; }
 
 }  // namespace hmm_gpu

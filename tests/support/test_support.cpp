@@ -97,7 +97,7 @@ namespace {
 
 // The echoed command line starts with the binary's path, which depends on the build folder.
 std::string without_binary_path(std::string text) {
-    std::string const path = KETRA_BINARY;
+    std::string const path = ketra_binary();
     for (std::size_t at = text.find(path); at != std::string::npos; at = text.find(path, at))
         text.replace(at, path.size(), "ketra");
     return text;
@@ -115,7 +115,7 @@ std::vector<std::string> small_data_args(std::string const& output) {
 
 RunResult run_ketra(std::vector<std::string> const& args, std::string const& cwd) {
     TempDir capture;
-    std::string command = "cd " + shell_quote(cwd) + " && " + shell_quote(KETRA_BINARY);
+    std::string command = "cd " + shell_quote(cwd) + " && " + shell_quote(ketra_binary());
     for (auto const& a : args) command += " " + shell_quote(a);
     command += " >" + shell_quote(capture.file("out")) + " 2>" + shell_quote(capture.file("err")) + " </dev/null";
     int const raw = std::system(command.c_str());
@@ -157,7 +157,28 @@ std::map<std::string, std::string> without_command_line(std::map<std::string, st
     return files;
 }
 
-std::string source_dir() { return KETRA_SOURCE_DIR; }
+namespace {
+
+// A path from the environment variable, else the build's path relative to the
+// folder of this test program: a folder carried to another machine sets the
+// variables, a build folder needs neither.
+std::string located(char const* variable, char const* relative) {
+    if (char const* set = std::getenv(variable); set && *set) return set;
+    fs::path const here = fs::read_symlink("/proc/self/exe").parent_path();
+    return (here / relative).lexically_normal().string();
+}
+
+}  // namespace
+
+std::string ketra_binary() {
+    static std::string const path = located("KETRA_BINARY", KETRA_BINARY_FROM_TESTS);
+    return path;
+}
+
+std::string source_dir() {
+    static std::string const path = located("KETRA_SOURCE_DIR", KETRA_SOURCE_FROM_TESTS);
+    return path;
+}
 
 hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng) {
     std::vector<int> a(K, -1), b(K, -1), open;
@@ -174,7 +195,7 @@ hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng) {
     return hmm_kernel::BranchLayout(K, a, b);
 }
 
-RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng) {
+RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng, bool ends) {
     RunData run;
     hmm_kernel::Panel& p = run.panel;
     p.K = K;
@@ -193,12 +214,14 @@ RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt1993
     for (int g = 0; g < 4; ++g)
         for (int a = 0; a < 3; ++a) p.emission[g][a] = g == 3 ? 1.0 : (a == g ? 0.9 : 0.05) * scale;
     for (int k = 0; k < N * L; ++k) p.genotypes.push_back(static_cast<std::uint8_t>(rng() % 4));
-    std::vector<double> positions = {p.position.front()};
-    for (int s = 0; s + 1 < L; ++s) {
+    std::vector<double> positions;
+    if (ends) positions.push_back(p.position.front());
+    for (int s = ends ? 0 : 1; s + (ends ? 1 : 2) < L; ++s) {
         if (rng() % 3 == 0) positions.push_back(p.position[s]);
         if (rng() % 3 == 0) positions.push_back(0.5 * (p.position[s] + p.position[s + 1]));
     }
-    positions.push_back(p.position.back());
+    if (ends) positions.push_back(p.position.back());
+    else if (positions.empty()) positions.push_back(p.position[L / 2]);
     run.schedule = hmm_kernel::Schedule(L, hmm_kernel::find_flanks(p.position, p.rate_per_base, positions));
     for (std::size_t q = 0; with_trees && q < positions.size(); ++q) {
         position_tree tree{random_layout(K, rng), {}};

@@ -61,6 +61,10 @@ std::map<std::string, std::string> collect_output_files(boost::filesystem::path 
 std::string without_command_line(std::string text);
 std::map<std::string, std::string> without_command_line(std::map<std::string, std::string> files);
 
+// The program under test and the folder holding the test data (the source
+// tree, or a carried folder): KETRA_BINARY and KETRA_SOURCE_DIR when set, else
+// where the build put them.
+std::string ketra_binary();
 std::string source_dir();
 
 // Equal values, bit for bit (so -0.0 differs from 0.0, and NaN equals itself).
@@ -72,18 +76,30 @@ inline ::testing::AssertionResult same_bits(std::vector<double> const& a, std::v
     return ::testing::AssertionSuccess();
 }
 
-// A team of threads that meet at every sync, as the threads of a GPU block do.
+// A team of threads that meet at every sync, as the threads of a GPU block do;
+// a size that is a multiple of 8 works in groups of eight lanes.
 struct ThreadTeam {
     struct Barrier {
         std::mutex m;
         std::condition_variable cv;
         int n, waiting = 0;
         long generation = 0;
+        std::vector<double> lane_values;
     };
     int r, s;
     Barrier* barrier;
     int rank() const { return r; }
     int size() const { return s; }
+    int lanes() const { return s % 8 == 0 ? 8 : 1; }
+    double lane_tree_sum(double p) const {
+        if (lanes() == 1) return p;
+        barrier->lane_values[r] = p;
+        sync();
+        const double* v = barrier->lane_values.data() + (r / 8) * 8;
+        double const sum = ((v[0] + v[1]) + (v[2] + v[3])) + ((v[4] + v[5]) + (v[6] + v[7]));
+        sync();  // before the next call writes the values again
+        return sum;
+    }
     void sync() const {
         std::unique_lock<std::mutex> lock(barrier->m);
         long const g = barrier->generation;
@@ -102,6 +118,7 @@ template <class F>
 void on_team(int size, F const& f) {
     ThreadTeam::Barrier barrier;
     barrier.n = size;
+    barrier.lane_values.assign(size, 0.0);
     std::vector<std::thread> threads;
     for (int r = 0; r < size; ++r) threads.emplace_back([&, r] { f(ThreadTeam{r, size, &barrier}); });
     for (auto& t : threads) t.join();
@@ -122,6 +139,8 @@ struct RunData {
     std::vector<hmm_kernel::BranchLayout> layouts;  // the trees' parts, as the GPU plan takes them
     std::vector<std::vector<int>> marked;
 };
-RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng);
+// Without ends, no position lies at the first or the last SNP (L >= 4), so
+// that the passes can stop short of them.
+RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng, bool ends = true);
 
 }  // namespace ketra_test
