@@ -119,6 +119,9 @@ KETRA_INLINE void reorder_pairs(BranchLayout const& layout, const double* P, dou
     });
 }
 
+// Beyond this K, branch sums skip the copy of P (see leaf_row_sums).
+constexpr int copied_limit = 1024;
+
 // The row sums the branch sums add up, taken straight from each leaf's full
 // row, with no copy of P: for panels whose P is far beyond the caches, where
 // writing the copy and reading it back costs more than the sums. Leaf x at
@@ -197,15 +200,9 @@ KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const
 }  // namespace
 
 KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
-                                       double* one, double* work, double* reordered, const double* made) {
+                                       double* one, double* work, double* reordered) {
     int const K = layout.K;
-    if (made && branch_sums_read_copy(K)) {
-        branch_sums(layout, P, m, both, one, work, [&](int v) {
-            return cross_sum(layout, v, [made](int p, int q) { return made[tri_offset(p) + q]; });
-        });
-        return;
-    }
-    if (reordered && !branch_sums_read_copy(K)) {
+    if (reordered && K > copied_limit) {
         thread_local std::vector<double> strip;
         leaf_row_sums(layout, P, reordered, strip);
         // The rows of each merge, added in depth-first order as cross_sum does.

@@ -7,25 +7,17 @@
 
 namespace {
 
-// Per-thread scratch for the branch sums: for panels whose posterior the
-// workspace writes in each tree's leaf order as it normalises it, the trees'
-// leaf orders; for larger ones, room for the row sums the sums take instead.
+// Per-thread scratch for the branch sums, with the pair array they reorder
+// the posterior into.
 struct branch_scratch {
-    std::vector<double> both, one, work, row_sums;
-    std::vector<const int*> leaf_ranks;
+    std::vector<double> both, one, work, reordered;
     explicit branch_scratch(std::vector<position_tree> const& trees) {
         std::size_t most = 0;
         for (auto const& t : trees) most = std::max(most, static_cast<std::size_t>(t.layout.n_nodes()));
         both.resize(most);
         one.resize(most);
         work.resize(2 * most);
-        if (trees.empty()) return;
-        int const K = trees.front().layout.K;
-        if (hmm_kernel::branch_sums_read_copy(K)) {
-            for (auto const& t : trees) leaf_ranks.push_back(t.layout.rank.data());
-        } else {
-            row_sums.resize(hmm_kernel::tri_size(K));
-        }
+        if (!trees.empty()) reordered.resize(hmm_kernel::tri_size(trees.front().layout.K));
     }
 };
 
@@ -34,14 +26,13 @@ void fill_record(engine_work const& work, int individual, hmm_kernel::Workspace&
     result_layout const& layout = *work.layout;
     int const K = layout.K;
     bool const with_trees = !work.trees->empty();
-    auto sink = [&](int p, double const* pair_posterior, double const* haplotype_probs, double const* in_leaf_order) {
+    auto sink = [&](int p, double const* pair_posterior, double const* haplotype_probs) {
         double* probs = record + layout.haplotypes_at(p);
         std::copy(haplotype_probs, haplotype_probs + K, probs);
         if (with_trees) {
             position_tree const& tree = (*work.trees)[p];
             hmm_kernel::branch_probabilities(tree.layout, pair_posterior, probs, scratch.both.data(),
-                                             scratch.one.data(), scratch.work.data(), scratch.row_sums.data(),
-                                             in_leaf_order);
+                                             scratch.one.data(), scratch.work.data(), scratch.reordered.data());
             double* values = record + layout.branches_at(p);
             for (int node : tree.marked) {
                 *values++ = scratch.both[node];
@@ -50,8 +41,7 @@ void fill_record(engine_work const& work, int individual, hmm_kernel::Workspace&
         }
         if (layout.pair_matrices) std::copy(pair_posterior, pair_posterior + layout.pair_size(), record + layout.pairs_at(p));
     };
-    workspace.run(*work.panel, *work.schedule, work.panel->genotypes_of(individual), sink,
-                  scratch.leaf_ranks.empty() ? nullptr : scratch.leaf_ranks.data());
+    workspace.run(*work.panel, *work.schedule, work.panel->genotypes_of(individual), sink);
 }
 
 }  // namespace

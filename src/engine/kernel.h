@@ -105,14 +105,10 @@ void posterior(int K, double rate, double left_distance, double right_distance, 
                const double* B, double* P, double* scratch, double* m = nullptr);
 
 // The same with the flanks' row sums RF, RB and totals TF, TB given where they
-// are known (a null RF or RB: computed here), as the pipeline keeps them. With
-// m and rank (a permutation of the K leaves, as BranchLayout::rank), P is also
-// written to Q in that leaf order: Q[tri_offset(p) + q] = P(x, y) for the
-// leaves x, y of ranks p > q; what branch_probabilities reads when it is told
-// that its copy is made.
+// are known (a null RF or RB: computed here), as the pipeline keeps them.
 void posterior_from(int K, double rate, double left_distance, double right_distance, const double* F,
                     const double* RF, double TF, const double* B, const double* RB, double TB, double* P,
-                    double* scratch, double* m, const int* rank = nullptr, double* Q = nullptr);
+                    double* scratch, double* m);
 
 // Switch rates {stay, jump} that carry values over a distance to a position:
 // e = exp(-rate*distance/K), jump = (1-e)/K, stay = e + jump.
@@ -152,14 +148,9 @@ struct BranchLayout {
 // room), P is first copied there in depth-first leaf order, so that the sums
 // read memory in sequence rather than at random; for large K the room holds
 // the row sums instead, taken without the copy. Either way much faster, with
-// the same bits. made: the copy itself, already made as posterior_from writes
-// it with the layout's rank (for K where branch_sums_read_copy), in place of
-// reordered.
+// the same bits.
 void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
-                          double* one, double* work, double* reordered = nullptr, const double* made = nullptr);
-// Whether branch_probabilities works from a copy of P in leaf order for K
-// haplotypes; beyond, from row sums taken without a copy.
-inline bool branch_sums_read_copy(int K) { return K <= 1024; }
+                          double* one, double* work, double* reordered = nullptr);
 
 // ---- Panel and per-individual pipeline --------------------------------------
 
@@ -214,32 +205,25 @@ struct Schedule {
 // Receives each position's pair posterior (index into the schedule's flanks).
 // A receiver that takes a third pointer also gets the position's haplotype
 // probabilities (K values, those of haplotype_probabilities), which the
-// pipeline forms in the same pass that normalises the posterior; one that
-// takes a fourth also gets the posterior in the position's leaf order where
-// the run was given one (else null), made in that pass too.
+// pipeline forms in the same pass that normalises the posterior.
 class PosteriorSink {
 public:
     template <class F>
     PosteriorSink(F& f)
-        : object_(&f), wants_haplotypes_(std::is_invocable_v<F&, int, const double*, const double*> ||
-                                         std::is_invocable_v<F&, int, const double*, const double*, const double*>),
-          call_([](void* o, int p, const double* P, const double* m, const double* Q) {
-              if constexpr (std::is_invocable_v<F&, int, const double*, const double*, const double*>)
-                  (*static_cast<F*>(o))(p, P, m, Q);
-              else if constexpr (std::is_invocable_v<F&, int, const double*, const double*>)
+        : object_(&f), wants_haplotypes_(std::is_invocable_v<F&, int, const double*, const double*>),
+          call_([](void* o, int p, const double* P, const double* m) {
+              if constexpr (std::is_invocable_v<F&, int, const double*, const double*>)
                   (*static_cast<F*>(o))(p, P, m);
               else
                   (*static_cast<F*>(o))(p, P);
           }) {}
-    void operator()(int p, const double* P, const double* m = nullptr, const double* Q = nullptr) const {
-        call_(object_, p, P, m, Q);
-    }
+    void operator()(int p, const double* P, const double* m = nullptr) const { call_(object_, p, P, m); }
     bool wants_haplotypes() const { return wants_haplotypes_; }
 
 private:
     void* object_;
     bool wants_haplotypes_;
-    void (*call_)(void*, int, const double*, const double*, const double*);
+    void (*call_)(void*, int, const double*, const double*);
 };
 
 // Memory a Workspace may spend per thread on kept forward arrays, unless told
@@ -279,11 +263,7 @@ public:
     // hands every position's posterior to sink, in the order the backward pass
     // reaches them. The results are those of full storage, bit for bit,
     // whatever the budget.
-    // leaf_ranks, when given, holds per position a leaf order (a
-    // BranchLayout's rank) or null: the sink then also gets the posterior in
-    // that order.
-    void run(Panel const& panel, Schedule const& schedule, const std::uint8_t* genotypes, PosteriorSink sink,
-             const int* const* leaf_ranks = nullptr);
+    void run(Panel const& panel, Schedule const& schedule, const std::uint8_t* genotypes, PosteriorSink sink);
 
     // Bytes a workspace with this budget holds for K haplotypes and schedule.
     static std::size_t bytes(int K, Schedule const& schedule, std::size_t kept_budget = default_kept_budget);
@@ -311,7 +291,7 @@ private:
     std::vector<bool> carried_;  // per SNP: right flank of a position between SNPs
     std::vector<double> b_, g_[2], rg_[2];  // backward values B, E * B (rolling) and its row sums
     std::vector<double> rb_;         // row sums of B where known
-    std::vector<double> p_, m_, scratch_, q_;
+    std::vector<double> p_, m_, scratch_;
     long forward_steps_ = 0;
 };
 

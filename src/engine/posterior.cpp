@@ -59,40 +59,6 @@ struct DivideRow {  // P = P / by
     double one(int j) const { return P[j] /= by; }
 };
 
-// P = P / by as DivideRow, each value of row i also written to Q, the pair
-// array in another leaf order: Q[tri(max) + min] of the two leaves' ranks
-// (the diagonal is left out). The branch sums read Q in order; writing it
-// here, while the value is at hand, spares them a pass that gathers it.
-struct DivideIntoOrderRow {
-    double* P;
-    double by;
-    v4 by4;
-    const int* rank;
-    double* Q;
-    int ri;
-    std::size_t row_of_i;
-    KETRA_INLINE DivideIntoOrderRow(double* P_, double by_, const int* rank_, double* Q_, int i)
-        : P(P_), by(by_), by4(splat(by_)), rank(rank_), Q(Q_), ri(rank_[i]), row_of_i(tri_offset(rank_[i])) {}
-    KETRA_INLINE void place(int j, double v) const {
-        int const rj = rank[j];
-        Q[rj < ri ? row_of_i + rj : tri_offset(rj) + ri] = v;
-    }
-    KETRA_INLINE v4 block(int j) const {
-        v4 const v = load4(P + j) / by4;
-        store4(P + j, v);
-        place(j, v[0]);
-        place(j + 1, v[1]);
-        place(j + 2, v[2]);
-        place(j + 3, v[3]);
-        return v;
-    }
-    double one(int j) const {
-        double const v = P[j] /= by;
-        if (rank[j] != ri) place(j, v);
-        return v;
-    }
-};
-
 }  // namespace
 
 // ---- Posterior -------------------------------------------------------------
@@ -102,7 +68,7 @@ struct DivideIntoOrderRow {
 // division with the haplotype probabilities.
 KETRA_CLONES void posterior_from(int K, double rate, double left_distance, double right_distance,
                                  const double* F, const double* RF, double TF, const double* B, const double* RB,
-                                 double TB, double* P, double* scratch, double* m, const int* rank, double* Q) {
+                                 double TB, double* P, double* scratch, double* m) {
     double total;
     if (left_distance == 0.0 || right_distance == 0.0) {
         total = sweep<false>(K, nullptr, [&](int i) {
@@ -125,9 +91,7 @@ KETRA_CLONES void posterior_from(int K, double rate, double left_distance, doubl
             return CarriedProductRow{F + o, B + o, P + o, RF, RB, cf, cb, RF[i], RB[i]};
         });
     }
-    if (m && rank)
-        sweep(K, m, [&](int i) { return DivideIntoOrderRow{P + tri_offset(i), total, rank, Q, i}; });
-    else if (m)
+    if (m)
         sweep(K, m, [&](int i) { return DivideRow{P + tri_offset(i), total}; });
     else
         divide(tri_size(K), P, total);
@@ -135,8 +99,7 @@ KETRA_CLONES void posterior_from(int K, double rate, double left_distance, doubl
 
 void posterior(int K, double rate, double left_distance, double right_distance, const double* F, const double* B,
                double* P, double* scratch, double* m) {
-    posterior_from(K, rate, left_distance, right_distance, F, nullptr, 0.0, B, nullptr, 0.0, P, scratch, m, nullptr,
-                   nullptr);
+    posterior_from(K, rate, left_distance, right_distance, F, nullptr, 0.0, B, nullptr, 0.0, P, scratch, m);
 }
 
 }  // namespace hmm_kernel

@@ -111,11 +111,10 @@ void Workspace::sweep(Panel const& panel, const std::uint8_t* genotypes, Checkpo
 }
 
 void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uint8_t* genotypes,
-                    PosteriorSink sink, const int* const* leaf_ranks) {
+                    PosteriorSink sink) {
     int const K = panel.K, L = panel.L;
     forward_steps_ = 0;
     if (L == 0 || K == 0 || schedule.flanks.empty()) return;
-    if (leaf_ranks && q_.size() != tri_size(K)) q_.assign(tri_size(K), 0.0);
     if (schedule.L != L) throw std::invalid_argument("schedule does not match the panel");
     // Positions in the order the backward pass finishes them: by right flank
     // descending, then by left flank descending, so that the kept arrays are
@@ -171,11 +170,10 @@ void Workspace::run(Panel const& panel, Schedule const& schedule, const std::uin
                 tb = row_sums(K, B, rb_.data());
                 b_sums = true;
             }
-            const int* rank = leaf_ranks && m ? leaf_ranks[p] : nullptr;
             posterior_from(K, f.rate, f.left_distance, f.right_distance, x.F.data(),
                            x.rescaled ? nullptr : x.R.data(), x.total, B, rb_.data(), tb, p_.data(),
-                           scratch_.data(), m, rank, q_.data());
-            sink(p, p_.data(), m, rank ? q_.data() : nullptr);
+                           scratch_.data(), m);
+            sink(p, p_.data(), m);
         }
     };
     auto has_positions = [&](int s) { return schedule.by_right_start[s] < schedule.by_right_start[s + 1]; };
