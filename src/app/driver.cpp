@@ -18,6 +18,7 @@
 #include "data/data.h"
 #include "engine/gpu_engine.h"
 #include "io/output_file.h"
+#include "io/run_failure.h"
 #include "numlib/generator.h"
 #include "params/parameters.h"
 #include "results/partial_results.h"
@@ -83,21 +84,19 @@ int run_stages(int argc, char** argv) {
 
     setall(seed1, seed2);
 
+    // Bad data and bad trees end with status 0 by default (a pipeline asks
+    // for -strict); a tree map file that cannot be used, and every other
+    // failure, with status 1.
+    auto report = [strict](run_failure const& e, bool data_stage) {
+        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
+        return data_stage && e.is_data_failure() && !strict ? 0 : 1;
+    };
     stage = "reading the tree map file";
     try {
         read_tree_map_file(parameters, tree_map);
-    } catch (badfilename const& e) {
-        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
-        return 1;
-    }
-
-    // Bad data and bad trees end with status 0 by default; a pipeline asks for -strict.
-    int const data_failure = strict ? 1 : 0;
-    try {
         check_split_flags(parameters);
-    } catch (run_error const& e) {
-        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
-        return 1;
+    } catch (run_failure const& e) {
+        return report(e, false);
     }
 
     try {
@@ -113,18 +112,8 @@ int run_stages(int argc, char** argv) {
         if (parameters.seen("-snp_info")) run.output_snp_info();
         stage = "computing and writing the matrix";
         run.print_matrix(tree_map, parameters);
-    } catch (BadTreeDataException const& e) {
-        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
-        return data_failure;
-    } catch (badfilename const& e) {
-        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
-        return data_failure;
-    } catch (write_error const& e) {
-        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
-        return 1;
-    } catch (run_error const& e) {
-        std::cout << e.what() << std::endl << "Program terminated" << std::endl;
-        return 1;
+    } catch (run_failure const& e) {
+        return report(e, true);
     }
 
     time_t const end = time(nullptr);

@@ -3,14 +3,12 @@
 
 #include <string>
 
-class badfilename {
+#include "io/run_failure.h"
+
+class badfilename : public run_failure {
 public:
-    explicit badfilename(std::string message) : message_(std::move(message)) {}
+    explicit badfilename(std::string message) : run_failure(std::move(message), true) {}
     // "Error reading file " + file + ": " + text, the form every reader uses.
     badfilename(std::string const& file, std::string const& text)
-        : message_("Error reading file " + file + ": " + text) {}
-    std::string what() const { return message_; }
-
-private:
-    std::string message_;
+        : run_failure("Error reading file " + file + ": " + text, true) {}
 };

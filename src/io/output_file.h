@@ -9,16 +9,14 @@
 
 #include <boost/filesystem/path.hpp>
 
+#include "io/run_failure.h"
+
 // A write or close that failed after the file was opened (disk full, I/O
 // error): "Error writing file " + name + ": " + the system's reason.
-class write_error {
+class write_error : public run_failure {
 public:
     write_error(std::string const& file, std::string const& reason)
-        : message_("Error writing file " + file + ": " + reason) {}
-    std::string what() const { return message_; }
-
-private:
-    std::string message_;
+        : run_failure("Error writing file " + file + ": " + reason, false) {}
 };
 
 class output_file {

@@ -4,11 +4,9 @@
 #include <string>
 #include <utility>
 
-class run_error {
-public:
-    explicit run_error(std::string message) : message_(std::move(message)) {}
-    std::string what() const { return message_; }
+#include "io/run_failure.h"
 
-private:
-    std::string message_;
+class run_error : public run_failure {
+public:
+    explicit run_error(std::string message) : run_failure(std::move(message), false) {}
 };

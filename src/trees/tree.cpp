@@ -5,11 +5,19 @@
 
 const std::string BadTreeDataException::m_message = "Bad tree data encountered at ";
 
-BadTreeDataException::BadTreeDataException(double position, std::string const& message) {
+namespace {
+
+std::string tree_error_detail(double position, std::string const& message) {
     std::ostringstream text;
     text << position << " " << message;
-    detail = text.str();
+    return text.str();
 }
+
+}  // namespace
+
+BadTreeDataException::BadTreeDataException(double position, std::string const& message)
+    : run_failure(m_message + tree_error_detail(position, message), true),
+      detail(tree_error_detail(position, message)) {}
 
 namespace {
 

@@ -5,6 +5,8 @@
 #include <set>
 #include <string>
 
+#include "io/run_failure.h"
+
 // One node of a tree: a leaf (a reference haplotype) or a merge.
 struct tree_node {
     std::set<int> leaves_below;    // leaves under this node
@@ -21,12 +23,11 @@ struct tree_node {
 // Node table: ids 0..n-1 are the leaves, n, n+1, ... the merges in text order.
 using tree_nodes = std::map<int, tree_node>;
 
-class BadTreeDataException {
+class BadTreeDataException : public run_failure {
 public:
     static const std::string m_message;  // "Bad tree data encountered at "
     BadTreeDataException(double position, std::string const& message);
     std::string detail;  // position (6 significant digits), a blank, the message
-    std::string what() const { return m_message + detail; }
 };
 
 // Parses a tree text "<pos> <x>;<n>;a b,c d,...;" into tree (cleared first).
