@@ -51,6 +51,15 @@ TEST(DamagedInput, ReaderStreamReportsDamageAndReadsWholeFilesToTheEnd) {
     for (std::string const& block : {std::string("first block "), std::string("second\n"), huge, gen})
         append_gzip_member(members, block, 1);
 
+    // A plain name reads the compressed bytes as they are, line by line (a
+    // line's carriage return before its end dropped, the last line ended).
+    std::string gz_as_lines;
+    for (std::size_t at = 0, end; at < gz.size(); at = end + 1) {
+        end = std::min(gz.find('\n', at), gz.size());
+        std::string line = gz.substr(at, end - at);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        gz_as_lines += line + "\n";
+    }
     struct Case { std::string name, bytes, text, error; };
     std::vector<Case> const cases = {
         {"whole.gz", gz, big, ""},
@@ -63,7 +72,7 @@ TEST(DamagedInput, ReaderStreamReportsDamageAndReadsWholeFilesToTheEnd) {
         {"empty.gz", "", "", "not in gzip format."},
         {"header_only.gz", gz.substr(0, 10), "", "compressed data are truncated."},
         // Plain names are read as text whatever the bytes: the choice is by name alone.
-        {"compressed.txt", gz, "", ""},
+        {"compressed.txt", gz, gz_as_lines, ""},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
@@ -72,7 +81,7 @@ TEST(DamagedInput, ReaderStreamReportsDamageAndReadsWholeFilesToTheEnd) {
         std::string const text = read_all(dir.file(c.name), error);
         if (c.error.empty()) {
             EXPECT_EQ(error, "");
-            EXPECT_TRUE(c.text.empty() || text == c.text) << text.size() << " bytes, not " << c.text.size();
+            EXPECT_TRUE(text == c.text) << text.size() << " bytes, not " << c.text.size();
         } else {
             EXPECT_EQ(error.rfind("Error reading file " + dir.file(c.name) + ": " + c.error, 0), 0u) << error;
             EXPECT_LT(text.size(), big.size());
