@@ -12,7 +12,6 @@
 #include "data/data.h"
 #include "io/field_reader.h"
 #include "io/number_text.h"
-#include "prep/python_text.h"
 
 // Reversed coding is predicted when the frequencies are more than 0.2 apart
 // and sum to within 0.2 of one; both comparisons are strict.
@@ -194,27 +193,3 @@ TEST(ProbabilityRows, CodingReadsBackExactly) {
     }
 }
 
-// ketra-prep's messages quote names and values as the script it replaces did:
-// Python's repr() of the text (decoded as UTF-8, bad bytes as surrogate
-// escapes) and of the bytes.
-TEST(PythonText, ReprQuotesAndEscapesAsPythonDoes) {
-    struct Case {
-        std::string text, str_repr, bytes_repr;
-    };
-    Case const cases[] = {
-        {"a'b", R"("a'b")", R"(b"a'b")"},
-        {"a\"b", R"('a"b')", R"(b'a"b')"},
-        {"a'\"b", R"('a\'"b')", R"(b'a\'"b')"},
-        {"tab\tnl\ncr\r", R"('tab\tnl\ncr\r')", R"(b'tab\tnl\ncr\r')"},
-        {"back\\slash", R"('back\\slash')", R"(b'back\\slash')"},
-        {"\x01\x7f", R"('\x01\x7f')", R"(b'\x01\x7f')"},
-        {"caf\xc3\xa9", "'caf\xc3\xa9'", R"(b'caf\xc3\xa9')"},
-        {"\xc2\xad\xc2\xa0", R"('\xad\xa0')", R"(b'\xc2\xad\xc2\xa0')"},
-        {"bad\xff", R"('bad\udcff')", R"(b'bad\xff')"},
-    };
-    for (auto const& c : cases) {
-        SCOPED_TRACE(c.str_repr);
-        EXPECT_EQ(python_repr(c.text), c.str_repr);
-        EXPECT_EQ(python_bytes_repr(c.text), c.bytes_repr);
-    }
-}
