@@ -57,7 +57,8 @@ std::string candidates(char const* arg) {
     word = word.substr(0, word.find('='));
     std::string list;
     for (option const* f = flags; f->name; ++f)
-        if (std::strncmp(f->name, word.c_str(), word.size()) == 0) list += (list.empty() ? " -" : " or -") + std::string(f->name);
+        if (std::strncmp(f->name, word.c_str(), word.size()) == 0)
+            list += (list.empty() ? " -" : " or -") + std::string(f->name);
     return list;
 }
 
@@ -90,7 +91,8 @@ int main(int argc, char** argv) {
     }
     if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
     std::string missing;
-    for (auto const& [value, name] : {std::pair{&o.ref, "-ref"}, {&o.map, "-map"}, {&o.region, "-region"}, {&o.output, "-o"}})
+    for (auto const& [value, name] :
+         {std::pair{&o.ref, "-ref"}, {&o.map, "-map"}, {&o.region, "-region"}, {&o.output, "-o"}})
         if (value->empty()) missing += (missing.empty() ? "" : ", ") + std::string(name);
     if (!missing.empty()) return usage_error("missing " + missing);
     if (o.study.empty() == o.bgen.empty()) return usage_error("give one of -study and -bgen");

@@ -23,6 +23,13 @@ std::string folder_of(std::string const& path) {
     return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// A hidden name next to the file's: folder/.name.XXXXXX, for mkstemp.
+std::string temporary_pattern(std::string const& path) {
+    auto const slash = path.rfind('/');
+    auto const name_at = slash == std::string::npos ? 0 : slash + 1;
+    return path.substr(0, name_at) + "." + path.substr(name_at) + ".XXXXXX";
+}
+
 // The mode a newly created file gets: 0666 less the umask (mkstemp gives 0600).
 mode_t creation_mode() {
     mode_t const mask = ::umask(0);
@@ -33,7 +40,7 @@ mode_t creation_mode() {
 }  // namespace
 
 staged_file::staged_file(std::string path, bool compressed) : path_(std::move(path)) {
-    std::string pattern = path_ + ".XXXXXX";
+    std::string pattern = temporary_pattern(path_);
     int const fd = ::mkstemp(&pattern[0]);
     if (fd < 0) fail("cannot create the file");
     temporary_ = pattern;

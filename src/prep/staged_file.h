@@ -1,5 +1,5 @@
-// One output file of ketra-prep, written under a temporary name in its own
-// folder and renamed to its name by commit(), so that a run that fails leaves
+// One output file of ketra-prep, written under a hidden temporary name in its
+// own folder and renamed to its name by commit(), so that a run that fails leaves
 // no file behind. Plain text, or BGZF (block gzip) compressed by a pool of
 // threads: gunzip and Ketra read it as any gzip file, and tabix-style tools
 // can index it.
