@@ -17,10 +17,11 @@ namespace {
 
 std::string_view without_chr(std::string_view s) { return s.substr(0, 3) == "chr" ? s.substr(3) : s; }
 
-// The white-space separated fields of a line (a "\r" before the "\n" included).
+// The white-space separated fields of a line (hts_getline has dropped the
+// "\r" of a "\r\n" line end).
 void split_fields(std::string_view line, std::vector<std::string_view>& fields) {
     fields.clear();
-    auto const space = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; };
+    auto const space = [](char c) { return c == ' ' || c == '\t' || c == '\v' || c == '\f'; };
     std::size_t i = 0;
     while (i < line.size()) {
         while (i < line.size() && space(line[i])) ++i;
@@ -62,8 +63,9 @@ public:
     // The next line's fields; false at the end.
     bool next(std::vector<std::string_view>& fields) {
         int const got = hts_getline(file_, '\n', &line_);
-        if (got < -1) throw prep_error{path_ + ": the map cannot be read past line " + std::to_string(number_) +
-                                       " (truncated or corrupt)"};
+        if (got < -1)
+            throw prep_error{path_ + ": the map is truncated or corrupt " +
+                             (number_ == 0 ? std::string("at its start") : "after line " + std::to_string(number_))};
         if (got == -1) return false;
         ++number_;
         split_fields(std::string_view(line_.s, line_.l), fields);

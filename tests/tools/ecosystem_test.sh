@@ -108,6 +108,7 @@ errors)
     bcftools annotate -x FORMAT/GP "$vcf/study.vcf.gz" -Oz -o nogp.vcf.gz
     bcftools annotate -x FORMAT/GT,FORMAT/GP "$vcf/study.vcf.gz" -Oz -o nocalls.vcf.gz
     head -c 12000 "$vcf/study.vcf.gz" > truncated.vcf.gz
+    zcat "$vcf/chr20.gmap.gz" | gzip -c | head -c 700 > truncated.gmap.gz
     zcat "$vcf/study.vcf.gz" | awk '/^#/ || moved { print; next } { held = $0; moved = 1 } END { print held }' > unsorted.vcf
     printf 'NA06994\nnobody\n' > nobody.txt
     while IFS='|' read -r status args message; do
@@ -124,6 +125,7 @@ errors)
 1|-study unsorted.vcf|unsorted.vcf: 20:1330664 comes after 20:1414706; the file must be sorted by position
 1|-samples nobody.txt|nobody.txt: sample 'nobody' is not in $vcf/study.vcf.gz
 1|-map missing.txt|missing.txt: cannot open the map (No such file or directory)
+1|-map truncated.gmap.gz|truncated.gmap.gz: the map is truncated or corrupt at its start
 1|-map $ex/ref.legend|$ex/ref.legend: the header is neither 'pos chr cM' nor 'position COMBINED_rate(cM/Mb) Genetic_Map(cM)'
 1|-region 20:1323000-1325000|$vcf/ref.vcf.gz: no biallelic SNP in region 20:1323000-1325000
 1|-region 20:1500000-1600000|$vcf/chr20.gmap.gz: fewer than two map rows for chromosome 20 around the region
