@@ -1,13 +1,13 @@
-// What compressing ketra-prep's genotype text costs, and what other ways of
-// compressing it would cost: the floor under ketra-prep's run time.
+// What compressing ketra-prep's genotype text costs, one way and another:
+// the floor under ketra-prep's run time.
 //
-// ketra-prep writes .gen.gz as one zlib stream at level 6 (raw deflate,
-// memory level 8, default strategy), fed in 256 KiB blocks. A single deflate
-// stream cannot be cut across threads without changing its bytes, so that
-// line's time bounds the whole run from below however fast the reading gets.
-// The other lines compress the same text in independent 1 MiB gzip members
-// (which gunzip and Ketra read as one file) on THREADS threads: other bytes,
-// same text.
+// ketra-prep once wrote .gen.gz as one zlib stream at level 6 (raw deflate,
+// memory level 8, default strategy), fed in 256 KiB blocks; "today's" below
+// is that stream, the size its BGZF output is measured against. A single
+// deflate stream cannot be cut across threads, so that line's time bounded
+// the whole run. The other lines compress the same text in independent 1 MiB
+// gzip members (which gunzip and Ketra read as one file) on THREADS threads,
+// as BGZF does in 64 KiB blocks: other bytes, same text.
 //   build/bench/deflate_timing FILE [THREADS] [REPEATS]
 // Prints, per way, the best wall time over REPEATS, the compressed size and
 // the size against today's.
@@ -31,7 +31,7 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
-// Today's bytes: one raw stream, as ketra-prep's writer makes it.
+// Today's bytes: one raw stream, as ketra-prep's earlier writer made it.
 std::size_t zlib_one_stream(std::string const& text) {
     z_stream stream{};
     if (deflateInit2(&stream, 6, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK) std::abort();

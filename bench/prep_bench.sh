@@ -10,10 +10,12 @@
 # PROGRAM defaults to build/ketra-prep; --python times the Python script the
 # tool was before (taken from git history) instead. Prints, per input and run,
 # the wall time and the maximum resident set size from /usr/bin/time -v, then
-# the range over the runs. Default: 3 runs, 20000 samples, 1332 sites.
+# the range over the runs and the size of PREFIX.gen.gz against the same text
+# as one zlib stream at level 6 (what ketra-prep wrote before it used BGZF).
+# Default: 3 runs, 20000 samples, 1332 sites.
 # --bound instead shows what bounds the time on the 1x input: the run with
 # -plain (reading and formatting alone), then build/bench/deflate_timing on the
-# genotype text it wrote (the compression, today's way and other ways).
+# genotype text it wrote (the compression, one stream and in parallel members).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 runs=3 samples=20000 sites=1332 data=${PREP_BENCH_DATA:-$root/build/prep-bench} python=0 bound=0 program=""
@@ -102,8 +104,14 @@ for factor in 1 4; do
         written=$(sed -n 's/.*study SNPs written: //p' "$out/report.txt")
         echo "${factor}x: $samples samples x $m sites, run $run: $wall s, $(mb "$peak") MB ($written SNPs written)"
         times+=("$wall") peaks+=("$peak")
-        rm -rf "$out"
+        gen_size=$(stat -c %s "$out/p.gen.gz")
+        [ "$run" = "$runs" ] || rm -rf "$out"
     done
+    # The zlib stream is made once, from the last run's text.
+    zlib_size=$(zcat "$out/p.gen.gz" | /usr/bin/python3 -c 'import sys, zlib; print(len(zlib.compress(sys.stdin.buffer.read(), 6)))')
+    echo "${factor}x: PREFIX.gen.gz $gen_size bytes, one zlib stream at level 6 $zlib_size bytes:" \
+        "$(awk -v a="$gen_size" -v b="$zlib_size" 'BEGIN { printf "%+.1f %%", (a / b - 1) * 100 }')"
+    rm -rf "$out"
     printf '%s\n' "${times[@]}" | sort -g | sed -n '1p;$p' | paste -sd' ' |
         awk -v f="$factor" -v s="$samples" -v m="$m" '{ printf "%sx (%s x %s): time %s-%s s", f, s, m, $1, $2 }'
     printf '%s\n' "${peaks[@]}" | sort -g | sed -n '1p;$p' | paste -sd' ' |

@@ -12,7 +12,10 @@
 #include "data/data.h"
 #include "io/field_reader.h"
 #include "io/number_text.h"
-#include "prep/python_text.h"
+#include "prep/genetic_map.h"
+#include "prep/prep_error.h"
+#include "prep/vcf_input.h"
+#include "support/test_support.h"
 
 // Reversed coding is predicted when the frequencies are more than 0.2 apart
 // and sum to within 0.2 of one; both comparisons are strict.
@@ -194,27 +197,74 @@ TEST(ProbabilityRows, CodingReadsBackExactly) {
     }
 }
 
-// ketra-prep's messages quote names and values as the script it replaces did:
-// Python's repr() of the text (decoded as UTF-8, bad bytes as surrogate
-// escapes) and of the bytes.
-TEST(PythonText, ReprQuotesAndEscapesAsPythonDoes) {
+
+// ketra-prep's map: the rows from the last one at or before the region's start
+// to the first one at or after its end, from either layout, plain or gzip, and
+// the rates between them; a map it cannot use is refused with its line.
+TEST(PrepMap, KeepsTheRowsAroundTheRegionOrSaysWhy) {
     struct Case {
-        std::string text, str_repr, bytes_repr;
+        char const* name;
+        std::string text;
+        bool gzip;
+        std::string want;  // the .map text, or the message
+    };
+    std::string const head = "position COMBINED_rate(cM/Mb) Genetic_Map(cM)\n";
+    Case const cases[] = {
+        {"pos chr cM, other chromosomes skipped, gzip, CRLF",
+         "pos chr cM\r\n500 chr20 0.1\r\n900 20 0.2\r\n950 19 0.25\r\n1500 chr20 0.50\r\n2500 20 0.7\r\n3000 20 0.9\r\n",
+         true, head + "900 500.000000 0.2\n1500 200.000000 0.50\n2500 0.000000 0.7\n"},
+        {"the other layout, rows at both ends of the region",
+         "Position(bp) COMBINED_rate(cM/Mb) Genetic_Map(cM)\n500 0 0\n1000 0 1e-1\n\n2000 0 0.3\n2500 0 0.4\n", false,
+         head + "1000 200.000000 1e-1\n2000 0.000000 0.3\n"},
+        {"a map that ends inside the region", "pos chr cM\n500 20 0.1\n1500 20 0.2\n", false,
+         head + "500 100.000000 0.1\n1500 0.000000 0.2\n"},
+        {"unsorted", "pos chr cM\n500 20 0.1\n1500 20 0.05\n900 20 0.2\n", false,
+         "map: line 4: positions are not ascending; sort the map by position"},
+        {"a bad row", "pos chr cM\n500 20 0.1\n1500 20 x\n", false, "map: line 3 is not a map row"},
+        {"a row of another chromosome is not read", "pos chr cM\n500 20 0.1\n600 19 x\n2500 20 0.2\n", false,
+         head + "500 50.000000 0.1\n2500 0.000000 0.2\n"},
+        {"no rows of the chromosome", "pos chr cM\n500 19 0.1\n2500 19 0.2\n", false,
+         "map: fewer than two map rows for chromosome 20 around the region"},
+        {"another file", "id position a0 a1\nrs1 1000 A G\n", false,
+         "map: the header is neither 'pos chr cM' nor 'position COMBINED_rate(cM/Mb) Genetic_Map(cM)'"},
+    };
+    ketra_test::TempDir dir;
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string const path = dir.file("map");
+        ketra_test::write_file(path, c.text, c.gzip);
+        std::string got;
+        try {
+            got = map_file_text(read_map_rows(path, "20", 1000, 2000));
+        } catch (prep_error const& e) {
+            got = "map" + e.message.substr(path.size());  // the message starts with the file
+        }
+        EXPECT_EQ(got, c.want);
+    }
+}
+
+// -region: CHROM:FROM-TO with commas in the numbers, both ends included.
+TEST(PrepRegion, ReadsChromFromToOrSaysWhy) {
+    struct Case {
+        std::string text, want;  // CHROM:FROM-TO as the readers get it, or the message
     };
     Case const cases[] = {
-        {"a'b", R"("a'b")", R"(b"a'b")"},
-        {"a\"b", R"('a"b')", R"(b'a"b')"},
-        {"a'\"b", R"('a\'"b')", R"(b'a\'"b')"},
-        {"tab\tnl\ncr\r", R"('tab\tnl\ncr\r')", R"(b'tab\tnl\ncr\r')"},
-        {"back\\slash", R"('back\\slash')", R"(b'back\\slash')"},
-        {"\x01\x7f", R"('\x01\x7f')", R"(b'\x01\x7f')"},
-        {"caf\xc3\xa9", "'caf\xc3\xa9'", R"(b'caf\xc3\xa9')"},
-        {"\xc2\xad\xc2\xa0", R"('\xad\xa0')", R"(b'\xc2\xad\xc2\xa0')"},
-        {"bad\xff", R"('bad\udcff')", R"(b'bad\xff')"},
+        {"20:1,000-2,000", "20:1000-2000"},
+        {"chr1:5-5", "chr1:5-5"},
+        {"HLA:A:7-9", "HLA:A:7-9"},  // the last colon ends the chromosome
+        {"20:2000-1000", "-region 20:2000-1000: ends before it starts"},
+        {"20:1-2-3", "-region 20:1-2-3: not CHROM:FROM-TO"},
+        {"20:x-y", "-region 20:x-y: not CHROM:FROM-TO"},
+        {"20:1000", "-region 20:1000: not CHROM:FROM-TO"},
+        {"20-1000-2000", "-region 20-1000-2000: not CHROM:FROM-TO"},
     };
     for (auto const& c : cases) {
-        SCOPED_TRACE(c.str_repr);
-        EXPECT_EQ(python_repr(c.text), c.str_repr);
-        EXPECT_EQ(python_bytes_repr(c.text), c.bytes_repr);
+        std::string got;
+        try {
+            got = parse_region(c.text).text;
+        } catch (prep_error const& e) {
+            got = e.message;
+        }
+        EXPECT_EQ(got, c.want) << c.text;
     }
 }

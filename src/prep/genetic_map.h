@@ -1,8 +1,8 @@
 // The genetic map rows that span a region, read in one pass over the file
-// (plain, or gzip when the name ends in ".gz"), keeping only the rows from the
-// last one at or before the region's start to the first one at or after its
-// end. Either layout, known by the header: 'pos chr cM' (rows of other
-// chromosomes skipped) or 'position COMBINED_rate(cM/Mb) Genetic_Map(cM)'.
+// (plain or gzip), keeping only the rows from the last one at or before the
+// region's start to the first one at or after its end. Either layout, known
+// by the header: 'pos chr cM' (rows of other chromosomes skipped) or
+// 'position COMBINED_rate(cM/Mb) Genetic_Map(cM)'.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ struct map_row {
     std::string cm_text;  // the cM as the file writes it
 };
 
-// The rows kept; throws prep_error with the script's messages.
+// The rows kept; throws prep_error.
 std::vector<map_row> read_map_rows(std::string const& path, std::string const& chrom, std::int64_t lo,
                                    std::int64_t hi);
 

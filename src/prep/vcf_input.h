@@ -1,50 +1,47 @@
-// One VCF/BCF file read through htslib's synced reader, record by record, in
-// the same way bcftools read it for the script this tool replaces: with an
-// index (.csi or .tbi next to the file) the region is a "regions" list
-// (bcftools -r: jumps there, records overlapping it); without one a "targets"
-// list (bcftools -t: streams through, records starting in it). htslib's
-// stderr goes to the reader's own log.
+// One VCF/BCF file read through htslib's synced reader, record by record, for
+// one region: with an index (.csi or .tbi next to the file) it jumps there and
+// takes the records that overlap the region; without one it streams through
+// the file and takes the records that start in it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include <htslib/synced_bcf_reader.h>
 #include <htslib/vcf.h>
 
-#include "prep/stderr_log.h"
+// A region, CHROM:FROM-TO with both ends included.
+struct region_bounds {
+    std::string chrom;
+    std::int64_t lo = 0, hi = 0;
+    std::string text;  // CHROM:FROM-TO as handed to the readers
+};
+
+// The region of -region (commas allowed in the numbers); throws prep_error.
+region_bounds parse_region(std::string const& text);
 
 class vcf_input {
 public:
-    explicit vcf_input(std::string path);
+    // Opens the file for the region (CHROM:FROM-TO); throws prep_error.
+    vcf_input(std::string path, std::string const& region);
     ~vcf_input();
     vcf_input(vcf_input const&) = delete;
     vcf_input& operator=(vcf_input const&) = delete;
 
-    // Whether an index file sits next to the file (the script's test).
-    static bool has_index(std::string const& path);
-
-    // Opens the file with the region (empty: no region, the header only is
-    // wanted). False when htslib refuses; then open_failure() is the text
-    // bcftools printed.
-    bool open(std::string const& region, int threads = 0);
-    std::string const& open_failure() const { return failure_; }
-
-    // The next record, or nullptr at the end. The record lives until the next call.
+    // The next record, or nullptr at the end; it lives until the next call.
+    // Throws prep_error when the file cannot be read or is not sorted.
     bcf1_t* next();
-    // The synced reader's error code, 0 when none (a record it could not
-    // parse is skipped and leaves the code set).
-    int error_code() const;
-    static char const* error_text(int code);
 
-    bcf_hdr_t* header() const;
-    std::string const& path() const { return path_; }
-    bool by_index() const { return by_index_; }
-    stderr_log& log() { return log_; }
+    bcf_hdr_t* header() const { return bcf_sr_get_header(reader_, 0); }
+    // "<file>: <chrom>:<pos>: ", how a message about the record starts.
+    std::string at(bcf1_t const* rec) const;
 
 private:
+    [[noreturn]] void fail(std::string const& cause) const;
+
     std::string path_;
-    bcf_srs_t* reader_ = nullptr;
-    bool by_index_ = false;
-    std::string failure_;
-    stderr_log log_;
+    bcf_srs_t* reader_;
+    std::string last_;  // chrom:pos of the last record read, or empty
+    int last_rid_ = -1;
+    std::int64_t last_pos_ = -1;
 };

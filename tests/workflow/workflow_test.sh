@@ -98,7 +98,7 @@ sed "s#\t[^\t]*study.vcf.gz\t#\t$work/truncated.vcf.gz\t#" sets.tsv > bad-sets.t
 if study bad regions.tsv bad-sets.tsv bad/r1/cases/run --restart-times 0 > bad.log 2>&1; then
     fail "the workflow accepted a truncated VCF"
 fi
-grep -q "ketra-prep: bcftools could not read $work/truncated.vcf.gz" bad/r1/logs/cases.prep.log ||
+grep -q "^ketra-prep: $work/truncated.vcf.gz: " bad/r1/logs/cases.prep.log ||
     fail "the job log does not name the truncated VCF: $(cat bad/r1/logs/cases.prep.log)"
 [ ! -e bad/r1/cases/input.gen.gz ] || fail "a failed preparation left its files"
 # A missing tree file stops it before any job, naming the file.
