@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <iomanip>
+#include <iostream>
 #include <limits>
 #include <random>
 #include <sstream>
@@ -13,6 +14,7 @@
 #include "io/field_reader.h"
 #include "io/number_text.h"
 #include "prep/genetic_map.h"
+#include "run/hmm.h"
 #include "prep/prep_error.h"
 #include "prep/vcf_input.h"
 #include "support/test_support.h"
@@ -266,5 +268,39 @@ TEST(PrepRegion, ReadsChromFromToOrSaysWhy) {
             got = e.message;
         }
         EXPECT_EQ(got, c.want) << c.text;
+    }
+}
+
+// Library functions that no stage of a run calls: the memory estimate, the
+// line count and the details file.
+TEST(LibraryFunctions, MemoryEstimateLineCountAndDetailsFile) {
+    data d;
+    for (int i = 0; i < 1000; ++i) d.snps[1000.0 + i] = snp();
+    d.n_haplotypes = 100;
+    d.n_individuals = 50;
+    HMM h;
+    static_cast<data&>(h) = d;
+    std::ostringstream captured;
+    std::streambuf* const console = std::cout.rdbuf(captured.rdbuf());
+    mem_est(d, h);
+    std::cout.rdbuf(console);
+    EXPECT_EQ(captured.str(),
+              "  genetic and physical map: 0.032Mb\n            haplotype data: 0.4Mb\n"
+              "            haplotype data: 0.4Mb\n          called genotypes: 0.2Mb\n"
+              "       threshold genotypes: 1.2Mb\nforward and backward paths: 80Mb\n\n"
+              "Estimated RAM required is   82.232Mb\n\n");
+
+    ketra_test::TempDir dir;
+    ketra_test::write_file(dir.file("three.txt"), "a\n\nc");
+    EXPECT_EQ(countLines(dir.file("three.txt")), 3);
+    EXPECT_EQ(countLines(dir.file("absent.txt")), 0);
+
+    h.output_details(dir.file("run.details"), {{1.0, 0.25}, {1e-7, 2.0 / 3.0}});
+    EXPECT_EQ(ketra_test::read_file(dir.file("run.details")), "1 0.25 \n1e-07 0.666667 \n");
+    try {
+        h.output_details(dir.file("absent/run.details"), {});
+        ADD_FAILURE() << "a details file in a missing folder was written";
+    } catch (badfilename const& e) {
+        EXPECT_EQ(e.what(), "Error reading file " + dir.file("absent/run.details") + ": can't open file.");
     }
 }

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 
+#include "io/badfilename.h"
 #include "io/gzip_member.h"
 #include "io/number_text.h"
 #include "io/output_file.h"
@@ -193,6 +194,41 @@ void write_pardo_files(result_file_reader const& records, result_layout const& l
         int const p = groups[g].back();
         write_pardo_file(records, layout, positions[p], p, gzip, per_file, strict);
     });
+}
+
+void write_matrix_lines(output_file& out, std::vector<matrix_line> const& lines) {
+    std::string line;
+    int precision = 6;  // the stream's default until the first sum is written
+    for (matrix_line const& m : lines) {
+        line.clear();
+        // The precision set for the sums stays set for the next line's
+        // position (with no haplotypes no sum is written and it never changes).
+        append_number(line, m.t, precision);
+        line += ' ';
+        std::vector<double> const& sums = *m.sums;
+        for (std::size_t k = 0; k < sums.size(); ++k) {
+            precision = 10;
+            append_number(line, sums[k], precision);
+            line += k + 1 < sums.size() ? ", " : ";";
+        }
+        line += '\n';
+        out.write(line);
+    }
+}
+
+void write_details_file(std::string const& file_name, std::vector<std::vector<double>> const& values) {
+    output_file out(file_name);
+    if (!out.is_open()) throw badfilename(file_name, "can't open file.");
+    std::string text;
+    for (auto const& row : values) {
+        for (double v : row) {
+            append_number(text, v, 6);
+            text += ' ';
+        }
+        text += '\n';
+    }
+    out.write(text);
+    out.finish();
 }
 
 void append_full_matrix_block(std::string& out, double const* pair_posterior, int K) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "io/output_file.h"
 #include "results/result_files.h"
 #include "results/result_stream.h"
 
@@ -17,6 +18,19 @@ struct output_position {
     std::vector<int> branch_ids;         // marked branches, ascending
     std::vector<double> branch_lengths;  // their lengths
 };
+
+// The matrix file's lines: per position (ascending) its position and K
+// haplotype sums, "t v_1, ..., v_K;". The first position is written with 6
+// significant digits, later ones with 10, as are the sums.
+struct matrix_line {
+    double t;
+    std::vector<double> const* sums;
+};
+void write_matrix_lines(output_file& out, std::vector<matrix_line> const& lines);
+
+// A details file: line k holds row k's values, each followed by a blank.
+// Throws badfilename when the file cannot be opened.
+void write_details_file(std::string const& file_name, std::vector<std::vector<double>> const& values);
 
 // Appends one individual's .full_matrix block: K lines, line i holding the
 // i + 1 values of row i of the triangular pair posterior, each followed by a

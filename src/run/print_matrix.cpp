@@ -206,3 +206,28 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     }
     std::cout << std::endl << "finished" << std::endl;
 }
+
+void HMM::output_pardo(result_file_reader const& records, result_layout const& layout,
+                       std::vector<output_position> const& positions, int threads, bool gzip, bool strict) {
+    write_pardo_files(records, layout, positions, threads, gzip, strict);
+}
+
+void HMM::print_matrix_private(std::map<double, matrix_data>& positions, boost::filesystem::path const& output,
+                               bool strict) {
+    bool const gzip = output.extension().string() == ".gz";
+    std::cout << (gzip ? "\n\nwriting matrix file in gzip mode ... " : "\n\nwriting matrix file ... ") << std::flush;
+    output_file out(output);
+    // An unopenable gzip file is not reported (its lines are lost), except
+    // under -strict.
+    if (!out.is_open() && !gzip) throw badfilename(output.string(), "can't open file.");
+    if (strict) out.require_open();
+    std::vector<matrix_line> lines;
+    for (auto const& entry : positions) lines.push_back({entry.first, &entry.second.haplotype_sums});
+    write_matrix_lines(out, lines);
+    out.finish();
+    std::cout << "done" << std::endl;
+}
+
+void HMM::output_details(std::string const& file_name, std::vector<std::vector<double>> const& values) {
+    write_details_file(file_name, values);
+}
