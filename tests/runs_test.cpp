@@ -337,7 +337,9 @@ TEST(WriteErrors, RunReportsTheFileAndReasonWithoutDoneAndNonZeroStatus) {
             std::cout << "[  SKIPPED ] a full file system: mounting one needs root\n";
             continue;
         }
-        if (!on_device) ASSERT_EQ(::mount("tmpfs", dir.file("full").c_str(), "tmpfs", 0, "size=64k"), 0) << "as root";
+        if (!on_device) {
+            ASSERT_EQ(::mount("tmpfs", dir.file("full").c_str(), "tmpfs", 0, "size=64k"), 0) << "as root";
+        }
         std::ofstream(dir.file("full/filler")) << std::string(1 << 17, 'x') << std::flush;
         for (auto const& c : cases) {
             if (on_device && c.replaces_links) continue;

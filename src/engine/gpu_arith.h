@@ -18,34 +18,16 @@
 #include <cstddef>
 #include <cstdint>
 
-#if defined(__CUDACC__)
-#define KETRA_HD __host__ __device__ inline
-#else
-#define KETRA_HD inline
-#endif
+#include "engine/pair_arith.h"
 
 namespace gpu_arith {
 
-KETRA_HD std::size_t tri_offset(int i) { return static_cast<std::size_t>(i) * (i + 1) / 2; }
-KETRA_HD std::size_t tri_size(int K) { return static_cast<std::size_t>(K) * (K + 1) / 2; }
-
-// A total below this is rescaled (the same limit as the CPU kernel's).
-constexpr double underflow_limit = 1e-100;
-
-struct Coefficients {
-    double aa, ab, bbt;
-};
-
-KETRA_HD Coefficients coefficients(double stay, double jump, double total) {
-    double const a = stay - jump;
-    double const b = jump;
-    return {a * a, a * b, b * b * total};
-}
-
-// One transition step for pair {i, j}: ((R(i) + R(j)) * ab + bbt) + aa * old.
-KETRA_HD double step_value(double ri, double rj, double old, Coefficients c) {
-    return ((ri + rj) * c.ab + c.bbt) + c.aa * old;
-}
+using pair_arith::Coefficients;
+using pair_arith::coefficients;
+using pair_arith::step_value;
+using pair_arith::tri_offset;
+using pair_arith::tri_size;
+using pair_arith::underflow_limit;
 
 // Emission of pair {i, j}: E[h_i + h_j][g], h as 0.0 / 1.0.
 KETRA_HD double emission(const double* h, const double* ecol, int i, int j) {
@@ -89,19 +71,6 @@ struct FirstRow {  // F = E / (K*K)
     }
 };
 
-struct ForwardRow {  // F = transition of F (in place), times the emission
-    double* F;
-    const double* Rp;
-    const double* h;
-    const double* ecol;
-    Coefficients c;
-    KETRA_HD double value(int i, int j, std::size_t o) const {
-        double const v = step_value(Rp[i], Rp[j], F[o + j], c) * emission(h, ecol, i, j);
-        F[o + j] = v;
-        return v;
-    }
-};
-
 struct WeightedRow {  // G = E * B
     const double* B;
     double* G;
@@ -114,7 +83,9 @@ struct WeightedRow {  // G = E * B
     }
 };
 
-struct GammaRow {  // B = transition of G; G = B * E in place; B stored unless null
+// B = transition of G; G = B * E in place; B stored unless null. With B null
+// this is the forward step too: F = transition of F, times the emission.
+struct GammaRow {
     double* G;
     double* B;
     const double* Rg;
@@ -294,7 +265,7 @@ template <class Team>
 KETRA_HD double forward_step(Team const& team, int K, double stay, double jump, double* F, double* R, double Tp,
                              const double* h, const double* ecol, double* work) {
     Coefficients const c = coefficients(stay, jump, Tp);
-    double const total = sweep(team, K, ForwardRow{F, R, h, ecol, c}, F, R, work);
+    double const total = sweep(team, K, GammaRow{F, nullptr, R, h, ecol, c}, F, R, work);
     if (total < underflow_limit) {
         divide(team, tri_size(K), F, total);
         divide(team, static_cast<std::size_t>(K), R, total);

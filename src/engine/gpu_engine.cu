@@ -16,7 +16,6 @@ namespace hmm_gpu {
 
 namespace {
 
-static_assert(gpu_arith::underflow_limit == hmm_kernel::underflow_limit, "the engines rescale at the same limit");
 
 struct BlockTeam {
     __host__ __device__ int rank() const {

@@ -24,13 +24,13 @@
 #include <utility>
 #include <vector>
 
+#include "engine/pair_arith.h"
+
 namespace hmm_kernel {
 
-inline std::size_t tri_size(int K) { return static_cast<std::size_t>(K) * (K + 1) / 2; }
-inline std::size_t tri_offset(int i) { return static_cast<std::size_t>(i) * (i + 1) / 2; }
-
-// A total below this is rescaled to keep the values away from underflow.
-constexpr double underflow_limit = 1e-100;
+using pair_arith::tri_offset;
+using pair_arith::tri_size;
+using pair_arith::underflow_limit;
 
 // ---- Sums ------------------------------------------------------------------
 

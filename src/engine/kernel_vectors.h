@@ -37,19 +37,9 @@ namespace hmm_kernel {
 
 namespace {
 
-struct Coefficients {
-    double aa, ab, bbt;
-};
-
-inline Coefficients coefficients(double stay, double jump, double total) {
-    double const a = stay - jump;
-    double const b = jump;
-    return {a * a, a * b, b * b * total};
-}
-
-inline double step_value(double ri, double rj, double old, Coefficients c) {
-    return ((ri + rj) * c.ab + c.bbt) + c.aa * old;
-}
+using pair_arith::Coefficients;
+using pair_arith::coefficients;
+using pair_arith::step_value;
 
 inline double reduce8(const double* a) {
     return ((a[0] + a[1]) + (a[2] + a[3])) + ((a[4] + a[5]) + (a[6] + a[7]));

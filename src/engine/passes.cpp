@@ -62,7 +62,7 @@ struct TransitionRow {
                                Coefficients c_, double ri_)
         : X(X_), Y(Y_), RX(RX_), h(h_), e(e_), c(c_), ri(ri_), k(c_, ri_) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 v = ((k.ri + load4(RX + j)) * k.ab + k.bbt) + k.aa * load4(X + j);
+        v4 v = step_value(k.ri, load4(RX + j), load4(X + j), k);
         if (Emit) v = v * e.at4(load4(h + j));
         store4(Y + j, v);
         return v;
@@ -89,7 +89,7 @@ struct BackwardRow {  // B = transition of E_{s+1} * Bn; yields E_s * B
                              RowEmission en_, RowEmission e_, Coefficients c_, double ri_)
         : Bn(Bn_), B(B_), Rg(Rg_), hn(hn_), h(h_), en(en_), e(e_), c(c_), ri(ri_), k(c_, ri_) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 const v = ((k.ri + load4(Rg + j)) * k.ab + k.bbt) + k.aa * (load4(Bn + j) * en.at4(load4(hn + j)));
+        v4 const v = step_value(k.ri, load4(Rg + j), load4(Bn + j) * en.at4(load4(hn + j)), k);
         store4(B + j, v);
         return v * e.at4(load4(h + j));
     }

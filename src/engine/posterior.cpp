@@ -33,15 +33,15 @@ struct CarriedProductRow {  // P = (F carried to the position) * (B carried to i
                                    const double* RB_, Coefficients cf_, Coefficients cb_, double fi_, double bi_)
         : F(F_), B(B_), P(P_), RF(RF_), RB(RB_), cf(cf_), cb(cb_), fi(fi_), bi(bi_), kf(cf_, fi_), kb(cb_, bi_) {}
     KETRA_INLINE v4 block(int j) const {
-        v4 const f = ((kf.ri + load4(RF + j)) * kf.ab + kf.bbt) + kf.aa * load4(F + j);
-        v4 const b = ((kb.ri + load4(RB + j)) * kb.ab + kb.bbt) + kb.aa * load4(B + j);
+        v4 const f = step_value(kf.ri, load4(RF + j), load4(F + j), kf);
+        v4 const b = step_value(kb.ri, load4(RB + j), load4(B + j), kb);
         v4 const v = f * b;
         store4(P + j, v);
         return v;
     }
     double one(int j) const {
-        double const f = ((fi + RF[j]) * cf.ab + cf.bbt) + cf.aa * F[j];
-        double const b = ((bi + RB[j]) * cb.ab + cb.bbt) + cb.aa * B[j];
+        double const f = step_value(fi, RF[j], F[j], cf);
+        double const b = step_value(bi, RB[j], B[j], cb);
         return P[j] = f * b;
     }
 };
