@@ -10,6 +10,7 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "io/console.h"
+#include "io/run_error.h"
 
 const std::string HelpException::m_what = "Help wanted";
 const std::string FlagException::m_message = "ERROR!!! Flag error";
@@ -258,4 +259,20 @@ void LSMatrixParameters::parameters_summary(std::ostream& os) const {
 std::pair<int, int> chunk_individuals(int i, int n, int N) {
     auto const bound = [&](int k) { return static_cast<int>(static_cast<long long>(N) * k / n); };
     return {bound(i - 1), bound(i)};
+}
+
+bool is_chunk_run(LSMatrixParameters const& parameters) { return parameters.seen("-chunk"); }
+bool is_merge_run(LSMatrixParameters const& parameters) { return parameters.seen("-merge"); }
+
+void check_split_flags(LSMatrixParameters const& parameters) {
+    bool const chunk = is_chunk_run(parameters), merge = is_merge_run(parameters);
+    if (chunk && merge) throw run_error("ERROR!!! -chunk and -merge cannot be given together.");
+    if (chunk && (parameters.chunk_count < 1 || parameters.chunk_index < 1 ||
+                  parameters.chunk_index > parameters.chunk_count))
+        throw run_error("ERROR!!! -chunk " + std::to_string(parameters.chunk_index) + " " +
+                        std::to_string(parameters.chunk_count) + ": the chunk must be between 1 and " +
+                        std::to_string(parameters.chunk_count) + " and there must be at least one chunk.");
+    if (merge && parameters.merge_count < 1)
+        throw run_error("ERROR!!! -merge " + std::to_string(parameters.merge_count) +
+                        ": the number of chunks must be at least 1.");
 }

@@ -116,6 +116,13 @@ public:
     using FlagException::FlagException;
 };
 
+// Split runs: "-chunk i n" and "-merge n". check_split_flags throws run_error
+// for "-chunk" with i outside 1..n, n < 1, "-merge" with n < 1, or both
+// flags together.
+bool is_chunk_run(LSMatrixParameters const& parameters);
+bool is_merge_run(LSMatrixParameters const& parameters);
+void check_split_flags(LSMatrixParameters const& parameters);
+
 // Individuals [first, last) of chunk i (1-based) of n among N ("-chunk i n"):
 // contiguous slices whose sizes differ by at most one.
 std::pair<int, int> chunk_individuals(int i, int n, int N);

@@ -54,22 +54,6 @@ std::string checksum_text(std::string const& text) { return hex32(extend_checksu
 
 }  // namespace
 
-bool is_chunk_run(LSMatrixParameters const& parameters) { return parameters.seen("-chunk"); }
-bool is_merge_run(LSMatrixParameters const& parameters) { return parameters.seen("-merge"); }
-
-void check_split_flags(LSMatrixParameters const& parameters) {
-    bool const chunk = is_chunk_run(parameters), merge = is_merge_run(parameters);
-    if (chunk && merge) throw run_error("ERROR!!! -chunk and -merge cannot be given together.");
-    if (chunk && (parameters.chunk_count < 1 || parameters.chunk_index < 1 ||
-                  parameters.chunk_index > parameters.chunk_count))
-        throw run_error("ERROR!!! -chunk " + std::to_string(parameters.chunk_index) + " " +
-                        std::to_string(parameters.chunk_count) + ": the chunk must be between 1 and " +
-                        std::to_string(parameters.chunk_count) + " and there must be at least one chunk.");
-    if (merge && parameters.merge_count < 1)
-        throw run_error("ERROR!!! -merge " + std::to_string(parameters.merge_count) +
-                        ": the number of chunks must be at least 1.");
-}
-
 std::string chunk_name(LSMatrixParameters const& parameters, int i, int n) {
     return parameters.output_file.string() + ".chunk" + std::to_string(i) + "of" + std::to_string(n);
 }

@@ -20,13 +20,6 @@
 #include "results/result_files.h"
 #include "results/result_stream.h"
 
-// Throws run_error for "-chunk" with i outside 1..n, n < 1, "-merge" with
-// n < 1, or both flags together.
-void check_split_flags(LSMatrixParameters const& parameters);
-
-bool is_chunk_run(LSMatrixParameters const& parameters);
-bool is_merge_run(LSMatrixParameters const& parameters);
-
 // "<output>.chunk<i>of<n>"
 std::string chunk_name(LSMatrixParameters const& parameters, int i, int n);
 
