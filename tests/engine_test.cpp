@@ -10,7 +10,13 @@
 #include <string>
 #include <vector>
 
+#include <iostream>
+#include <sstream>
+
+#include <boost/filesystem/operations.hpp>
+
 #include "engine/kernel.h"
+#include "run/hmm.h"
 #include "support/test_support.h"
 
 namespace {
@@ -252,4 +258,59 @@ TEST(Checkpoints, PlansSweepTwiceWhileTwoLevelsSuffice) {
             EXPECT_TRUE(n_kept > slots || plan.sweeps.size() == 1u) << n_kept << " " << slots;
             EXPECT_TRUE(n_kept + 1 > (slots + 1) * (slots + 2) / 2 || steps <= 2L * n_kept) << n_kept << " " << slots;
         }
+}
+
+// The full-storage passes of the run object, read at each position with its
+// own posterior, are the reference of the per-individual pipeline: on the
+// bundled example (K = 100), at tree positions on SNPs and between them, the
+// pipeline's posteriors are theirs bit for bit.
+TEST(FullStorage, PipelineGivesTheFullStoragePosteriors) {
+    ketra_test::TempDir dir;
+    ketra_test::copy_example_data(dir);
+    std::vector<std::string> words = {"ketra", "-h", "ref.hap", "-l", "ref.legend", "-m", "map.txt", "-g",
+                                      "study.gen.gz", "-tree_file", "trees.txt", "-int", "1350000", "1395000",
+                                      "-buffer", "15", "-o", dir.file("out/run")};
+    std::vector<char*> argv;
+    for (auto& w : words) argv.push_back(w.data());
+    boost::filesystem::path const here = boost::filesystem::current_path();
+    boost::filesystem::current_path(dir.path());
+    std::ostringstream console;
+    std::streambuf* const cout = std::cout.rdbuf(console.rdbuf());
+    LSMatrixParameters parameters;
+    parameters.process_parameters(static_cast<int>(argv.size()), argv.data());
+    parameters.aux_filename = dir.file("out/run.aux");
+    HMM run;
+    run = data(parameters);
+    std::cout.rdbuf(cout);
+    boost::filesystem::current_path(here);
+
+    std::vector<snp const*> by_index;
+    std::vector<double> at;
+    for (auto const& entry : run.snps) {
+        by_index.push_back(&entry.second);
+        at.push_back(entry.first);
+    }
+    ASSERT_GT(at.size(), 40u);
+    // Both ends, one between two SNPs, one on a SNP.
+    std::vector<double> const positions = {at.front(), (at[10] + at[11]) / 2, at[40], at.back()};
+    auto const flanks = find_position_flanks(run, positions);
+    hmm_kernel::Panel const panel = make_panel(run);
+    hmm_kernel::Schedule const schedule(panel.L, flanks);
+    int const K = run.n_haplotypes;
+    ASSERT_EQ(K, 100);
+    hmm_kernel::Workspace workspace;
+    for (int n : {0, 17, 49}) {
+        std::vector<Vec> piped(positions.size());
+        auto sink = [&](int p, const double* P) { piped[p].assign(P, P + tri_size(K)); };
+        workspace.run(panel, schedule, panel.genotypes_of(n), sink);
+        run.forward(n);
+        run.backward(n);
+        for (std::size_t p = 0; p < positions.size(); ++p) {
+            hmm_kernel::Flank const& f = flanks[p];
+            Vec full;
+            run.find_matrix_private(full, f.rate, f.left_distance, f.right_distance, by_index[f.right]->backward_probs,
+                                    by_index[f.left]->forward_probs);
+            EXPECT_TRUE(ketra_test::same_bits(piped[p], full)) << "individual " << n << ", position " << positions[p];
+        }
+    }
 }

@@ -65,15 +65,6 @@ std::unique_ptr<std::istream> open_text_input(boost::filesystem::path const& pat
     return stream;
 }
 
-std::unique_ptr<std::ostream> open_text_output(boost::filesystem::path const& path) {
-    io::file_sink sink(path.string(), std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!sink.is_open()) return nullptr;
-    auto stream = std::make_unique<io::filtering_ostream>();
-    if (is_gzip_path(path)) stream->push(io::gzip_compressor());
-    stream->push(sink);
-    return stream;
-}
-
 bool read_text_line(std::istream& in, std::string& line) {
     if (!std::getline(in, line)) return false;
     if (!line.empty() && line.back() == '\r') line.pop_back();

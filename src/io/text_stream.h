@@ -4,7 +4,6 @@
 
 #include <istream>
 #include <memory>
-#include <ostream>
 #include <string>
 
 #include <boost/filesystem/path.hpp>
@@ -17,11 +16,6 @@ bool is_gzip_path(boost::filesystem::path const& path);
 // badfilename ("Error reading file <name>: <reason>") from the read itself,
 // so that a damaged file is never taken for a shorter one.
 std::unique_ptr<std::istream> open_text_input(boost::filesystem::path const& path);
-
-// A writable stream on the file (truncating it), or nullptr when it cannot be
-// opened. gzip output uses the library's default compressor parameters; the
-// gzip stream is completed when the returned stream is destroyed.
-std::unique_ptr<std::ostream> open_text_output(boost::filesystem::path const& path);
 
 // Reads one line, dropping a trailing carriage return left by CRLF files.
 bool read_text_line(std::istream& in, std::string& line);
