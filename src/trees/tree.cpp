@@ -52,9 +52,6 @@ double read_header(std::istringstream& in, int leaves, int& n) {
     return position;
 }
 
-// Reads the next merge "a b" and its separator; false when only blanks are
-// left (the merge list stopped without its closing ";", for instance right
-// after a ","; the lineage count reports it).
 // The two nodes a merge joins (b looked up first); a missing one is a
 // topology error.
 void find_merged_nodes(tree_nodes& tree, double position, int a, int b, tree_node*& node_a, tree_node*& node_b) {
@@ -64,6 +61,9 @@ void find_merged_nodes(tree_nodes& tree, double position, int a, int b, tree_nod
         throw BadTreeDataException(position, "error with tree topology, can't find branch in read_tree.");
 }
 
+// Reads the next merge "a b" and its separator; false when only blanks are
+// left (the merge list stopped without its closing ";", for instance right
+// after a ","; the lineage count reports it).
 bool read_merge(std::istringstream& in, double position, int& a, int& b, char& separator) {
     in >> std::ws;
     if (in.peek() == std::char_traits<char>::eof()) return false;
@@ -72,6 +72,23 @@ bool read_merge(std::istringstream& in, double position, int& a, int& b, char& s
     in.get(separator);
     if (!in || (separator != ';' && separator != ','))
         throw BadTreeDataException(position, "expected ; or , not found.");
+    return true;
+}
+
+// Hands each merge of the list, up to the one closed by ";", to
+// merge(a, b, node a, node b) (1-based ids); stops early, returning false,
+// when merge does.
+template <class Merge>
+bool for_each_merge(std::istringstream& in, double position, tree_nodes& tree, Merge const& merge) {
+    int a = 0, b = 0;
+    char separator = '\0';
+    while (read_merge(in, position, a, b, separator)) {
+        tree_node* node_a = nullptr;
+        tree_node* node_b = nullptr;
+        find_merged_nodes(tree, position, a, b, node_a, node_b);
+        if (!merge(a, b, *node_a, *node_b)) return false;
+        if (separator == ';') break;
+    }
     return true;
 }
 
@@ -101,21 +118,16 @@ void parse_with_leaf_sets(std::string const& text, tree_nodes& tree, int leaves)
 
     double time = 0.0;
     int next_id = n;
-    int a = 0, b = 0;
-    char separator = '\0';
-    while (read_merge(in, position, a, b, separator)) {
-        tree_node* node_a = nullptr;
-        tree_node* node_b = nullptr;
-        find_merged_nodes(tree, position, a, b, node_a, node_b);
-        join(*node_a, *node_b, time, static_cast<double>(active.size()));
+    for_each_merge(in, position, tree, [&](int a, int b, tree_node& node_a, tree_node& node_b) {
+        join(node_a, node_b, time, static_cast<double>(active.size()));
 
         tree_node merged;
         merged.time = time;
-        merged.leaves_below = node_a->leaves_below;
-        merged.leaves_outside = node_a->leaves_outside;
+        merged.leaves_below = node_a.leaves_below;
+        merged.leaves_outside = node_a.leaves_outside;
         merged.child_a = a - 1;
         merged.child_b = b - 1;
-        for (int x : node_b->leaves_below) {
+        for (int x : node_b.leaves_below) {
             merged.leaves_below.insert(x);
             if (merged.leaves_outside.erase(x) == 0) throw BadTreeDataException(position, "leaf not found.");
         }
@@ -125,9 +137,8 @@ void parse_with_leaf_sets(std::string const& text, tree_nodes& tree, int leaves)
         active.erase(b - 1);
         active.insert(next_id);
         ++next_id;
-
-        if (separator == ';') break;
-    }
+        return true;
+    });
 
     if (active.size() != 1)
         throw BadTreeDataException(position, "error with one of the trees: does not reach the mrca.");
@@ -153,14 +164,9 @@ void parse_tree(std::string const& text, tree_nodes& tree, int leaves, bool leaf
     // the full parse gives the error it reaches first.
     double time = 0.0;
     int next_id = n;
-    int a = 0, b = 0;
-    char separator = '\0';
-    while (read_merge(in, position, a, b, separator)) {
-        tree_node* node_a = nullptr;
-        tree_node* node_b = nullptr;
-        find_merged_nodes(tree, position, a, b, node_a, node_b);
-        if (a == b || merged[a - 1] || merged[b - 1]) return parse_with_leaf_sets(text, tree, leaves);
-        join(*node_a, *node_b, time, static_cast<double>(n - (next_id - n)));
+    bool const forest = for_each_merge(in, position, tree, [&](int a, int b, tree_node& node_a, tree_node& node_b) {
+        if (a == b || merged[a - 1] || merged[b - 1]) return false;
+        join(node_a, node_b, time, static_cast<double>(n - (next_id - n)));
         merged[a - 1] = merged[b - 1] = true;
         merged.push_back(false);
         tree_node node;
@@ -168,8 +174,9 @@ void parse_tree(std::string const& text, tree_nodes& tree, int leaves, bool leaf
         node.child_a = a - 1;
         node.child_b = b - 1;
         tree.emplace_hint(tree.end(), next_id++, node);
-        if (separator == ';') break;
-    }
+        return true;
+    });
+    if (!forest) return parse_with_leaf_sets(text, tree, leaves);
     if (n - (next_id - n) != 1)
         throw BadTreeDataException(position, "error with one of the trees: does not reach the mrca.");
 }
