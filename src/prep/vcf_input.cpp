@@ -58,17 +58,16 @@ region_bounds parse_region(std::string const& text) {
 
 vcf_input::vcf_input(std::string path, std::string const& region) : path_(std::move(path)), reader_(bcf_sr_init()) {
     if (has_index(path_)) {
-        bcf_sr_set_opt(reader_, BCF_SR_REGIONS_OVERLAP, 1);
-        if (bcf_sr_set_regions(reader_, region.c_str(), 0) < 0) fail("cannot set the region " + region);
+        bcf_sr_set_opt(reader_.get(), BCF_SR_REGIONS_OVERLAP, 1);
+        if (bcf_sr_set_regions(reader_.get(), region.c_str(), 0) < 0) fail("cannot set the region " + region);
     } else {
-        bcf_sr_set_opt(reader_, BCF_SR_TARGETS_OVERLAP, 0);
-        if (bcf_sr_set_targets(reader_, region.c_str(), 0, 0) < 0) fail("cannot set the region " + region);
+        bcf_sr_set_opt(reader_.get(), BCF_SR_TARGETS_OVERLAP, 0);
+        if (bcf_sr_set_targets(reader_.get(), region.c_str(), 0, 0) < 0) fail("cannot set the region " + region);
     }
     errno = 0;
-    if (!bcf_sr_add_reader(reader_, path_.c_str()) || reader_->errnum) fail(cause_of(reader_->errnum));
+    if (!bcf_sr_add_reader(reader_.get(), path_.c_str()) || reader_->errnum) fail(cause_of(reader_->errnum));
 }
 
-vcf_input::~vcf_input() { bcf_sr_destroy(reader_); }
 
 void vcf_input::fail(std::string const& cause) const { throw prep_error{path_ + ": " + cause}; }
 
@@ -77,7 +76,7 @@ std::string vcf_input::at(bcf1_t const* rec) const {
 }
 
 bcf1_t* vcf_input::next() {
-    bcf1_t* rec = bcf_sr_next_line(reader_) > 0 ? bcf_sr_get_line(reader_, 0) : nullptr;
+    bcf1_t* rec = bcf_sr_next_line(reader_.get()) > 0 ? bcf_sr_get_line(reader_.get(), 0) : nullptr;
     std::string const here = rec ? bcf_seqname_safe(header(), rec) + (":" + std::to_string(rec->pos + 1)) : "";
     if (reader_->errnum) {
         // The reader reads ahead and skips a record it cannot parse: the fault

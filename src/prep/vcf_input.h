@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include <htslib/synced_bcf_reader.h>
@@ -24,7 +25,6 @@ class vcf_input {
 public:
     // Opens the file for the region (CHROM:FROM-TO); throws prep_error.
     vcf_input(std::string path, std::string const& region);
-    ~vcf_input();
     vcf_input(vcf_input const&) = delete;
     vcf_input& operator=(vcf_input const&) = delete;
 
@@ -32,7 +32,7 @@ public:
     // Throws prep_error when the file cannot be read or is not sorted.
     bcf1_t* next();
 
-    bcf_hdr_t* header() const { return bcf_sr_get_header(reader_, 0); }
+    bcf_hdr_t* header() const { return bcf_sr_get_header(reader_.get(), 0); }
     // "<file>: <chrom>:<pos>: ", how a message about the record starts.
     std::string at(bcf1_t const* rec) const;
 
@@ -40,7 +40,11 @@ private:
     [[noreturn]] void fail(std::string const& cause) const;
 
     std::string path_;
-    bcf_srs_t* reader_;
+    // Held so that a constructor that fails half way still closes it.
+    struct reader_closer {
+        void operator()(bcf_srs_t* reader) const { bcf_sr_destroy(reader); }
+    };
+    std::unique_ptr<bcf_srs_t, reader_closer> reader_;
     std::string last_;  // chrom:pos of the last record read, or empty
     int last_rid_ = -1;
     std::int64_t last_pos_ = -1;
