@@ -51,6 +51,9 @@ TEST(Strict, OtherFailuresAreNonZeroWhileTheDefaultRunKeepsItsOutcome) {
     write_file(dir.file("bad_trees.txt"), "1000 0;4;1 2,3 4,5 6;\n1250 0;4;2 4,1 9,5 6;\n");
     write_file(dir.file("outside_trees.txt"), "999 0;4;1 2,3 4,5 6;\n1901 0;4;1 2,3 4,5 6;\n");
     write_file(dir.file("blank_lines.hap"), std::string(7, '\n'));
+    std::string const map = read_file(dir.file("map.txt"));
+    write_file(dir.file("repeated_row.map"), map.substr(0, map.find('\n') + 1) + "900 2.0 0.000\n" +
+                                                 map.substr(map.find('\n') + 1));
 
     std::string const ne_unset = "Error: Ne needs to be set\n", bad_ne = "must lie between 0 and 30000";
     auto bad_value = [](std::string flag, std::string text, std::string why) {
@@ -73,6 +76,7 @@ TEST(Strict, OtherFailuresAreNonZeroWhileTheDefaultRunKeepsItsOutcome) {
         {"-tree_file outside_trees.txt", true, "",
          "Error reading file outside_trees.txt: no tree position lies between the first and the last SNP (1000 to "
          "1900).\n"},
+        {"-m repeated_row.map", true, "", "file repeated_row.map: map positions not strictly increasing on line 3.\n"},
         {"-h blank_lines.hap", true, "",
          "Error reading file blank_lines.hap: line 1 is blank; a haplotype line has an allele code (0 or 1) for each "
          "haplotype.\n"},
