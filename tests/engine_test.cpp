@@ -186,15 +186,7 @@ TEST(Engine, BranchSumsAreTheSameOnEveryRoute) {
         Vec P(tri_size(K)), m(K);
         for (double& x : P) x = u(rng) * u(rng);
         hmm_kernel::haplotype_probabilities(K, P.data(), m.data());
-        std::vector<hmm_kernel::BranchLayout> layouts = {ketra_test::random_layout(K, rng)};
-        for (bool leaf_first : {false, true}) {
-            std::vector<int> a(K, -1), b(K, -1);
-            for (int k = 1, below = 0; k < K; ++k, below = static_cast<int>(a.size()) - 1) {
-                a.push_back(leaf_first ? k : below);
-                b.push_back(leaf_first ? below : k);
-            }
-            layouts.emplace_back(K, a, b);
-        }
+        std::vector<hmm_kernel::BranchLayout> const layouts = ketra_test::random_tree_and_combs(K, rng);
         for (auto const& layout : layouts) {
             int const nodes = layout.n_nodes();
             Vec both(nodes), one(nodes), both_direct(nodes), one_direct(nodes), work(2 * nodes), copy(tri_size(K));

@@ -195,6 +195,19 @@ hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng) {
     return hmm_kernel::BranchLayout(K, a, b);
 }
 
+std::vector<hmm_kernel::BranchLayout> random_tree_and_combs(int K, std::mt19937_64& rng) {
+    std::vector<hmm_kernel::BranchLayout> layouts = {random_layout(K, rng)};
+    for (bool leaf_first : {false, true}) {
+        std::vector<int> a(K, -1), b(K, -1);
+        for (int k = 1, below = 0; k < K; ++k, below = static_cast<int>(a.size()) - 1) {
+            a.push_back(leaf_first ? k : below);
+            b.push_back(leaf_first ? below : k);
+        }
+        layouts.emplace_back(K, a, b);
+    }
+    return layouts;
+}
+
 RunData make_run(int K, int L, int N, double scale, bool with_trees, std::mt19937_64& rng, bool ends) {
     RunData run;
     hmm_kernel::Panel& p = run.panel;

@@ -127,6 +127,9 @@ void on_team(int size, F const& f) {
 // A random binary tree over K leaves: merges of random open lineages, merged
 // nodes numbered on from K.
 hmm_kernel::BranchLayout random_layout(int K, std::mt19937_64& rng);
+// A random tree, then the two combs over K leaves, leaning either way (a leaf
+// joining the rest on one side or the other: the most row sums a tree needs).
+std::vector<hmm_kernel::BranchLayout> random_tree_and_combs(int K, std::mt19937_64& rng);
 
 // K haplotypes, L SNPs and N individuals, random; tiny emissions (scale) make
 // the totals underflow, so both passes rescale. Positions on SNPs, between SNPs
