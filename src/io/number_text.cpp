@@ -63,7 +63,8 @@ char* general_text(char* out, double value, int precision) {
         double const scaled = magnitude * ten_to(precision - 1 - x);
         double const whole = static_cast<double>(static_cast<std::int64_t>(scaled));
         if (std::fabs(scaled - whole - 0.5) <= scaled * 1e-14) return library_text(out, value, precision);
-        digits = scaled - whole < 0.5 ? whole : whole + 1.0;
+        // Without a branch: which way a value rounds is a coin toss.
+        digits = whole + static_cast<double>(scaled - whole >= 0.5);
         if (digits >= high) ++x;
         else if (digits < low) --x;
         else break;
@@ -73,11 +74,18 @@ char* general_text(char* out, double value, int precision) {
         "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
         "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
         "8081828384858687888990919293949596979899";
-    char text[16];
+    char text[32];  // the digits, then room for the fixed-size copies below
     auto n = static_cast<std::uint32_t>(digits);
-    int i = precision;
-    for (; i >= 2; i -= 2, n /= 100) std::memcpy(text + i - 2, pairs + 2 * (n % 100), 2);
-    if (i == 1) text[0] = static_cast<char>('0' + n);
+    if (precision == 6) {
+        // The common case, as three independent pairs rather than a chain of divisions.
+        std::memcpy(text, pairs + 2 * (n / 10000), 2);
+        std::memcpy(text + 2, pairs + 2 * (n / 100 % 100), 2);
+        std::memcpy(text + 4, pairs + 2 * (n % 100), 2);
+    } else {
+        int i = precision;
+        for (; i >= 2; i -= 2, n /= 100) std::memcpy(text + i - 2, pairs + 2 * (n % 100), 2);
+        if (i == 1) text[0] = static_cast<char>('0' + n);
+    }
     int used = precision;  // digits left once trailing zeros go
     while (used > 1 && text[used - 1] == '0') --used;
 
@@ -86,7 +94,7 @@ char* general_text(char* out, double value, int precision) {
         *out++ = text[0];
         if (used > 1) {
             *out++ = '.';
-            std::memcpy(out, text + 1, used - 1);
+            std::memcpy(out, text + 1, 16);
             out += used - 1;
         }
         *out++ = 'e';
@@ -100,14 +108,14 @@ char* general_text(char* out, double value, int precision) {
         for (int i = 0; i < whole; ++i) *out++ = text[i];  // past `used` these are zeros
         if (used > whole) {
             *out++ = '.';
-            std::memcpy(out, text + whole, used - whole);
+            std::memcpy(out, text + whole, 16);
             out += used - whole;
         }
     } else {
         *out++ = '0';
         *out++ = '.';
         for (int i = 0; i < -x - 1; ++i) *out++ = '0';
-        std::memcpy(out, text, used);
+        std::memcpy(out, text, 16);
         out += used;
     }
     return out;

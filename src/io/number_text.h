@@ -6,8 +6,9 @@
 #include <charconv>
 #include <string>
 
-// Writes value as "%.<precision>g" would, from out on (at most 64 bytes), and
-// returns the end.
+// Writes value as "%.<precision>g" would, from out on, and returns the end.
+// The 64 bytes from out on may all be written: the digits go in fixed-size
+// copies, whose bytes past the end are scratch.
 char* general_text(char* out, double value, int precision);
 
 inline void append_number(std::string& out, double value, int precision) {
