@@ -196,8 +196,25 @@ TEST(Engine, BranchSumsAreTheSameOnEveryRoute) {
                                              work.data());
             EXPECT_EQ(both, both_direct) << "K=" << K;
             EXPECT_EQ(one, one_direct) << "K=" << K;
+            // The copy gathered through the tree's pair index.
+            hmm_kernel::BranchLayout indexed = layout;
+            indexed.index_pairs();
+            std::fill(copy.begin(), copy.end(), 0.0);
+            hmm_kernel::branch_probabilities(indexed, P.data(), m.data(), both.data(), one.data(), work.data(),
+                                             copy.data());
+            EXPECT_EQ(both, both_direct) << "K=" << K << ", pair index";
+            EXPECT_EQ(one, one_direct) << "K=" << K << ", pair index";
         }
     }
+}
+
+// Pair indexes are made only where the sums copy P, and only within their budget.
+TEST(Engine, PairIndexesFitTheirBudget) {
+    struct Case { int K; std::size_t positions, bytes; };
+    Case const cases[] = {{200, 201, 201u * 20100 * 4}, {1024, 31, 31u * 524800 * 4}, {1024, 32, 0},
+                          {1025, 1, 0},           {100, 1, 5050 * 4}};
+    for (auto const& c : cases)
+        EXPECT_EQ(hmm_kernel::pair_index_bytes(c.K, c.positions), c.bytes) << c.K << " " << c.positions;
 }
 
 // A position with either distance 0 is taken as lying on its flank SNP: no carrying.

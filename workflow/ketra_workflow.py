@@ -215,7 +215,9 @@ def memory_bytes(K, L, N, P, threads, pardo=True, pair_files=False, held=None):
     # in their compact coding), per-SNP records and one line of the genotype
     # file for everybody.
     data = L * K * 12 + L * held * 26 + L * 400 + N * 64
-    trees = P * 2 * K * 120
+    # The trees, with their pair indexes where all of them fit 64 MiB.
+    index = 4 * P * pairs
+    trees = P * 2 * K * 120 + (index if pardo and K <= 1024 and index <= 64 * MIB else 0)
     return 20e6 + data + trees + threads * max(worker, writer)
 
 

@@ -66,6 +66,21 @@ BranchLayout::BranchLayout(int K_, std::vector<int> a, std::vector<int> b)
     }
 }
 
+void BranchLayout::index_pairs() {
+    pair_index.assign(tri_size(K), 0);
+    for (int p = 0; p < K; ++p) {
+        for (int q = 0; q <= p; ++q) {
+            int const x = order[p], y = order[q];
+            pair_index[tri_offset(p) + q] = static_cast<std::uint32_t>(x > y ? tri_offset(x) + y : tri_offset(y) + x);
+        }
+    }
+}
+
+std::size_t pair_index_bytes(int K, std::size_t positions) {
+    std::size_t const bytes = positions * tri_size(K) * sizeof(std::uint32_t);
+    return branch_sums_read_copy(K) && bytes <= pair_index_budget ? bytes : 0;
+}
+
 namespace {
 
 // Hands each leaf x, in order of id, with the whole of P's row x laid out
@@ -118,9 +133,6 @@ KETRA_INLINE void reorder_pairs(BranchLayout const& layout, const double* P, dou
         for (int q = 0; q < p; ++q) out[q] = full[order[q]];
     });
 }
-
-// Beyond this K, branch sums skip the copy of P (see leaf_row_sums).
-constexpr int copied_limit = 1024;
 
 // The row sums the branch sums add up, taken straight from each leaf's full
 // row, with no copy of P: for panels whose P is far beyond the caches, where
@@ -202,7 +214,7 @@ KETRA_INLINE void branch_sums(BranchLayout const& layout, const double* P, const
 KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double* P, const double* m, double* both,
                                        double* one, double* work, double* reordered) {
     int const K = layout.K;
-    if (reordered && K > copied_limit) {
+    if (reordered && !branch_sums_read_copy(K)) {
         thread_local std::vector<double> strip;
         leaf_row_sums(layout, P, reordered, strip);
         // The rows of each merge, added in depth-first order as cross_sum does.
@@ -216,8 +228,14 @@ KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double*
         return;
     }
     if (reordered) {
-        thread_local std::vector<double> strip;
-        reorder_pairs(layout, P, reordered, strip);
+        if (!layout.pair_index.empty()) {
+            std::uint32_t const* from = layout.pair_index.data();
+            std::size_t const n = layout.pair_index.size();
+            for (std::size_t k = 0; k < n; ++k) reordered[k] = P[from[k]];
+        } else {
+            thread_local std::vector<double> strip;
+            reorder_pairs(layout, P, reordered, strip);
+        }
         branch_sums(layout, P, m, both, one, work, [&](int v) {
             return cross_sum(layout, v, [reordered](int p, int q) { return reordered[tri_offset(p) + q]; });
         });

@@ -133,13 +133,27 @@ struct BranchLayout {
     // Per merge: where its row sums start when they are taken without a
     // copy of P (one per leaf under child_b; K(K-1)/2 at most in all).
     std::vector<std::size_t> row_start;
+    // When made by index_pairs(): for each entry k of the depth-first copy of
+    // P, the entry of P it holds (K(K+1)/2 of them), so that the copy is one
+    // gather instead of a pass that builds every leaf's row first.
+    std::vector<std::uint32_t> pair_index;
 
     BranchLayout() = default;
     // child_a / child_b per node id; throws std::invalid_argument when they do
     // not describe a forest over the K leaves.
     BranchLayout(int K, std::vector<int> child_a, std::vector<int> child_b);
     int n_nodes() const { return static_cast<int>(child_a.size()); }
+    void index_pairs();
 };
+
+// Whether the copies of P for `positions` trees over K leaves are made from
+// pair indexes: only where branch_probabilities copies P at all, and only
+// while the indexes of all the trees take at most pair_index_budget bytes.
+constexpr std::size_t pair_index_budget = std::size_t(64) << 20;
+// Whether branch_probabilities works from a copy of P in depth-first leaf
+// order for K leaves; beyond, from row sums taken without a copy.
+inline bool branch_sums_read_copy(int K) { return K <= 1024; }
+std::size_t pair_index_bytes(int K, std::size_t positions);
 
 // For every node of the layout: both[n] = probability that both copies descend
 // from the node's branch, one[n] = probability that exactly one does. P is the

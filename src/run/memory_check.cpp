@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "engine/kernel.h"
 #include "io/run_error.h"
 
 namespace {
@@ -37,8 +38,10 @@ double estimate_peak_memory(run_size const& s) {
     // calls), per-SNP records, and one line of the genotype file as text and
     // as numbers for every individual.
     double const data = L * K * (4 + 8) + L * held * (24 + 1 + 1) + L * 400 + N * 64;
-    // Parsed trees and their branch layouts, about 2K nodes each.
-    double const trees = static_cast<double>(s.positions) * 2 * K * 120;
+    // Parsed trees and their branch layouts, about 2K nodes each, with their
+    // pair indexes where they fit the budget.
+    double const trees = static_cast<double>(s.positions) * 2 * K * 120 +
+                         static_cast<double>(hmm_kernel::pair_index_bytes(s.K, static_cast<std::size_t>(s.positions)));
     // Per worker: kept forward arrays, working pair arrays, its record.
     double const worker = (s.kept_forward_arrays + 6) * pair_array + static_cast<double>(s.record_values) * 8;
     // Writers: a block of records and a block of text per thread.

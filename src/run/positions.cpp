@@ -38,7 +38,8 @@ std::map<double, HMM::matrix_data> select_positions(HMM const& run, std::map<dou
     return positions;
 }
 
-int parse_position_trees(HMM& run, std::map<double, HMM::matrix_data>& positions, std::vector<position_tree>& trees) {
+int parse_position_trees(HMM& run, std::map<double, HMM::matrix_data>& positions, std::vector<position_tree>& trees,
+                         bool for_cpu_engine) {
     int const K = run.n_haplotypes;
     int failing = -1;
     trees.clear();
@@ -53,6 +54,7 @@ int parse_position_trees(HMM& run, std::map<double, HMM::matrix_data>& positions
             else if (length != 0 && failing < 0) failing = static_cast<int>(trees.size());
         }
         tree.layout = make_branch_layout(position.nodes, K);
+        if (for_cpu_engine && hmm_kernel::pair_index_bytes(K, positions.size()) > 0) tree.layout.index_pairs();
         trees.push_back(std::move(tree));
     }
     return failing;

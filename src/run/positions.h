@@ -17,9 +17,11 @@ std::map<double, HMM::matrix_data> select_positions(HMM const& run, std::map<dou
                                                     LSMatrixParameters const& parameters, bool remove_full_matrix);
 
 // Parses every position's tree into its nodes and fills the engine's view
-// of it. Returns the index of the first position with a branch that can hold
-// no results (a negative length), or -1.
-int parse_position_trees(HMM& run, std::map<double, HMM::matrix_data>& positions, std::vector<position_tree>& trees);
+// of it, with the trees' pair indexes where the CPU engine will use them and
+// they fit their budget. Returns the index of the first position with a
+// branch that can hold no results (a negative length), or -1.
+int parse_position_trees(HMM& run, std::map<double, HMM::matrix_data>& positions, std::vector<position_tree>& trees,
+                         bool for_cpu_engine);
 
 // Names and marked branches of each position, ascending.
 std::vector<output_position> describe_outputs(std::map<double, HMM::matrix_data> const& positions);

@@ -117,7 +117,8 @@ void HMM::print_matrix(std::map<double, std::string>& trees, LSMatrixParameters 
     // A chunk run writes none of the run's own files.
     auto positions = select_positions(*this, trees, parameters, parameters.print_matrix && !chunk);
     std::vector<position_tree> position_trees;
-    int const failing = parameters.tavlo_input ? parse_position_trees(*this, positions, position_trees) : -1;
+    int const failing =
+        parameters.tavlo_input ? parse_position_trees(*this, positions, position_trees, !merge && !parameters.gpu) : -1;
     std::vector<output_position> const outputs = describe_outputs(positions);
     std::vector<int> branch_counts;
     for (auto const& out : outputs) branch_counts.push_back(static_cast<int>(out.branch_ids.size()));
