@@ -124,6 +124,13 @@ KETRA_INLINE void for_each_full_row(BranchLayout const& layout, const double* P,
     }
 }
 
+// out[k] = P[index[k]]; the pointers do not alias, so the loop becomes vector
+// gathers.
+KETRA_INLINE void gather(std::size_t n, const std::uint32_t* __restrict index, const double* __restrict P,
+                         double* __restrict out) {
+    for (std::size_t k = 0; k < n; ++k) out[k] = P[index[k]];
+}
+
 // Q[p][q] = P(order[p], order[q]) for q < p, in the flat triangular layout.
 KETRA_INLINE void reorder_pairs(BranchLayout const& layout, const double* P, double* Q, std::vector<double>& strip) {
     const int* order = layout.order.data();
@@ -229,9 +236,7 @@ KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double*
     }
     if (reordered) {
         if (!layout.pair_index.empty()) {
-            std::uint32_t const* from = layout.pair_index.data();
-            std::size_t const n = layout.pair_index.size();
-            for (std::size_t k = 0; k < n; ++k) reordered[k] = P[from[k]];
+            gather(layout.pair_index.size(), layout.pair_index.data(), P, reordered);
         } else {
             thread_local std::vector<double> strip;
             reorder_pairs(layout, P, reordered, strip);
