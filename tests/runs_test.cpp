@@ -132,20 +132,20 @@ std::string joined(std::vector<std::string> const& fields) {
     return line;
 }
 
-// The line with field k (1-based) replaced by value, or its last `drop` fields left out.
-std::function<std::string(std::string)> set_field(std::size_t k, std::string value) {
+// The line with its fields changed by change.
+std::function<std::string(std::string)> on_fields(std::function<void(std::vector<std::string>&)> change) {
     return [=](std::string line) {
         auto f = words(line);
-        f[k - 1] = value;
+        change(f);
         return joined(f);
     };
 }
+// The line with field k (1-based) replaced by value, or its last `drop` fields left out.
+std::function<std::string(std::string)> set_field(std::size_t k, std::string value) {
+    return on_fields([=](std::vector<std::string>& f) { f[k - 1] = value; });
+}
 std::function<std::string(std::string)> drop_fields(std::size_t drop) {
-    return [=](std::string line) {
-        auto f = words(line);
-        f.resize(f.size() - drop);
-        return joined(f);
-    };
+    return on_fields([=](std::vector<std::string>& f) { f.resize(f.size() - drop); });
 }
 
 std::string first_lines(std::string const& text, int n) {
