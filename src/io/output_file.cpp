@@ -110,7 +110,8 @@ output_file::output_file(boost::filesystem::path path, mode how, bool gzip_by_na
         }
     }
     auto stream = std::make_unique<io::filtering_ostream>();
-    if (how == mode::truncate && gzip_by_name && is_gzip_path(path_)) stream->push(io::gzip_compressor());
+    plain_ = !(how == mode::truncate && gzip_by_name && is_gzip_path(path_));
+    if (!plain_) stream->push(io::gzip_compressor());
     stream->push(descriptor_sink(file_));
     stream_ = std::move(stream);
 }
@@ -128,7 +129,15 @@ void output_file::require_open() const {
 void output_file::write(std::string const& text) { write(text.data(), text.size()); }
 
 void output_file::write(char const* text, std::size_t size) {
-    if (stream_) stream_->write(text, static_cast<std::streamsize>(size));
+    if (!stream_) return;
+    // The chain passes text on in pieces of its 4 KiB buffer, one system call
+    // each; a large block for a plain file goes to the descriptor whole.
+    if (plain_ && size >= direct_write_bytes) {
+        stream_->flush();
+        file_->write_all(text, size);
+        return;
+    }
+    stream_->write(text, static_cast<std::streamsize>(size));
 }
 
 // Empties the chain (the gzip trailer is written on the way) and closes the

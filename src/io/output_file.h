@@ -3,6 +3,7 @@
 // goes through this class, so that failed writes are caught in one place.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -63,4 +64,6 @@ private:
     boost::filesystem::path temporary_;  // empty unless in whole-files mode
     std::shared_ptr<descriptor> file_;
     std::unique_ptr<std::ostream> stream_;
+    bool plain_ = true;  // no gzip filter in the chain
+    static constexpr std::size_t direct_write_bytes = 64u << 10;
 };
