@@ -187,9 +187,10 @@ int main(int argc, char** argv) {
     for (std::string const& t : split(thread_list)) {
         std::vector<std::string> run_args = split(args);
         run_args.insert(run_args.end(), {"-o", dir + "/out-t" + t + "/matrix.txt", "-threads", t});
-        // An earlier run's files would be truncated while the system still
-        // writes them back, which is not this run's cost.
+        // An earlier run's files would be truncated, or written back to the
+        // disk, while this run is timed: neither is this run's cost.
         boost::filesystem::remove_all(dir + "/out-t" + t);
+        ::sync();
         double wall = 0, peak = 0;
         bool const ok = run_program(ketra, run_args, dir + "/log-t" + t + ".txt", wall, peak);
         if (t == "1") whole_one_thread = wall / updates * 1e9;
