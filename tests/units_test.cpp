@@ -184,7 +184,7 @@ TEST(ProbabilityRows, CodingReadsBackExactly) {
         p.assign(triples.data(), row.count);
         EXPECT_EQ(p.bytes(), row.bytes);
         expect_rows(p, triples);
-        for (std::size_t reversed : {row.count, row.count / 3}) {
+        for (std::size_t reversed : {row.count, row.count / 3, row.count > 0 ? row.count - 1 : 0}) {
             probability_triples q = p;
             std::vector<double> want = triples;
             for (std::size_t i = 0; i < reversed; ++i) std::swap(want[3 * i], want[3 * i + 2]);

@@ -18,8 +18,7 @@ bool plain_decimal_value(char const* begin, char const* end, double& value) {
     bool negative = false;
     if (p != end && (*p == '+' || *p == '-')) negative = *p++ == '-';
     char const* const digits = p;
-    bool nonzero = false;
-    while (p != end && is_digit(*p)) nonzero |= *p++ != '0';
+    while (p != end && is_digit(*p)) ++p;
     if (p == digits) return false;
     // The commonest probabilities, single digits, need no conversion at all.
     if (p == end && p - digits == 1) {
@@ -29,7 +28,7 @@ bool plain_decimal_value(char const* begin, char const* end, double& value) {
     }
     if (p != end && *p == '.') {
         char const* const fraction = ++p;
-        while (p != end && is_digit(*p)) nonzero |= *p++ != '0';
+        while (p != end && is_digit(*p)) ++p;
         if (p == fraction) return false;
     }
     if (p != end && (*p == 'e' || *p == 'E')) {
@@ -43,7 +42,9 @@ bool plain_decimal_value(char const* begin, char const* end, double& value) {
     double v = 0.0;
     auto const result = std::from_chars(digits, end, v);
     if (result.ec != std::errc() || result.ptr != end) return false;
-    if (!std::isfinite(v) || (v == 0.0 && nonzero) || (v != 0.0 && std::fabs(v) < std::numeric_limits<double>::min()))
+    // from_chars reports a value that underflows to zero as out of range; one
+    // that is merely subnormal it returns, and the stream would refuse it.
+    if (!std::isfinite(v) || (v != 0.0 && std::fabs(v) < std::numeric_limits<double>::min()))
         return false;
     value = negative ? -v : v;
     return true;
