@@ -48,9 +48,6 @@ inline double reduce8(const double* a) {
 // Four doubles handled as one value; the compiler maps it onto the vector
 // registers of the target (two SSE registers on baseline x86-64, one AVX
 // register with -march=native), with the same results either way.
-// Without AVX the four lanes travel in two SSE registers; everything taking or
-// returning one is inlined, so no call passes it in memory.
-#pragma GCC diagnostic ignored "-Wpsabi"
 #define KETRA_INLINE inline __attribute__((always_inline))
 typedef double v4 __attribute__((vector_size(32)));
 typedef std::int64_t m4 __attribute__((vector_size(32)));
@@ -153,8 +150,7 @@ KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
 }
 
 // Distance-based transition coefficients for carrying values to a position.
-inline // Distance-based transition coefficients for carrying values to a position.
-Coefficients distance_coefficients(int K, double rate, double distance, double total) {
+inline Coefficients distance_coefficients(int K, double rate, double distance, double total) {
     auto const [stay, jump] = distance_switch_rates(K, rate, distance);
     return coefficients(stay, jump, total);
 }

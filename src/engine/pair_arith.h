@@ -12,9 +12,6 @@
 #else
 #define KETRA_HD inline
 #define KETRA_HD_INLINE inline __attribute__((always_inline))
-// The CPU kernel takes step_value on vectors of four doubles; it is always
-// inlined, so no call passes one and the note on their ABI does not apply.
-#pragma GCC diagnostic ignored "-Wpsabi"
 #endif
 
 namespace pair_arith {
