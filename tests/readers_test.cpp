@@ -86,6 +86,25 @@ TEST(Readers, ReferencePanelAndMap) {
         {{}, "absent.legend", "can't open legend file.", {"-l", "absent.legend"}},
         {{}, "absent.map", "can't open file.", {"-m", "absent.map"}},
     });
+
+    // SNPs before the map's first row and after its last take that row's
+    // genetic position: the run is the one whose map goes on flat to them.
+    std::string const head = "position COMBINED_rate(cM/Mb) Genetic_Map(cM)\n";
+    std::string const inner = "1300 3.0 0.001\n1600 1.0 0.0019\n";
+    std::map<std::string, std::string> results[2];
+    std::string const maps[2] = {head + inner, head + "1000 0 0.001\n" + inner + "1900 0 0.0019\n"};
+    for (int m = 0; m < 2; ++m) {
+        TempDir dir;
+        copy_small_data(dir);
+        write_file(dir.file("map.txt"), maps[m]);
+        std::vector<std::string> args = small_data_args("out/run");
+        args.push_back("-tavlo_input");
+        ASSERT_EQ(run_ketra(args, dir.path().string()).status, 0);
+        results[m] = collect_output_files(dir.path() / "out");
+        results[m].erase("run.aux");
+    }
+    EXPECT_GT(results[0].size(), 2u);
+    EXPECT_TRUE(results[0] == results[1]);
 }
 
 TEST(Readers, GenotypesPlainAndGzip) {
