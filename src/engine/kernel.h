@@ -146,13 +146,13 @@ struct BranchLayout {
     void index_pairs();
 };
 
-// Whether the copies of P for `positions` trees over K leaves are made from
-// pair indexes: only where branch_probabilities copies P at all, and only
-// while the indexes of all the trees take at most pair_index_budget bytes.
-constexpr std::size_t pair_index_budget = std::size_t(64) << 20;
 // Whether branch_probabilities works from a copy of P in depth-first leaf
 // order for K leaves; beyond, from row sums taken without a copy.
 inline bool branch_sums_read_copy(int K) { return K <= 1024; }
+// The bytes of the pair indexes of `positions` trees over K leaves, or 0 when
+// they are not made: they are made only where branch_probabilities copies P
+// at all, and only while all of them take at most pair_index_budget bytes.
+constexpr std::size_t pair_index_budget = std::size_t(64) << 20;
 std::size_t pair_index_bytes(int K, std::size_t positions);
 
 // For every node of the layout: both[n] = probability that both copies descend

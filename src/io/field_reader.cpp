@@ -6,9 +6,6 @@
 
 namespace {
 
-// The blanks of the classic locale, which the line streams use.
-inline bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
-
 inline bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 }  // namespace

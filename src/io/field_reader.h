@@ -12,6 +12,9 @@
 #include <sstream>
 #include <string>
 
+// The blanks of the classic locale, which separate the fields of a line.
+inline bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
+
 class field_reader {
 public:
     field_reader(char const* begin, char const* end) : p_(begin), end_(end) {}

@@ -5,6 +5,7 @@
 
 #include <boost/filesystem/operations.hpp>
 
+#include "io/field_reader.h"
 #include "io/text_stream.h"
 
 namespace layouts {
@@ -17,8 +18,6 @@ line_layout const tree_map{"a tree map line has a position and a tree", 2, 0, 0,
 }  // namespace layouts
 
 namespace {
-
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
 
 bool is_finite_number(std::string const& token) {
     char* end = nullptr;

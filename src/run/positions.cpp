@@ -42,6 +42,7 @@ int parse_position_trees(HMM& run, std::map<double, HMM::matrix_data>& positions
                          bool for_cpu_engine) {
     int const K = run.n_haplotypes;
     int failing = -1;
+    bool const index_pairs = for_cpu_engine && hmm_kernel::pair_index_bytes(K, positions.size()) > 0;
     trees.clear();
     for (auto& entry : positions) {
         HMM::matrix_data& position = entry.second;
@@ -54,7 +55,7 @@ int parse_position_trees(HMM& run, std::map<double, HMM::matrix_data>& positions
             else if (length != 0 && failing < 0) failing = static_cast<int>(trees.size());
         }
         tree.layout = make_branch_layout(position.nodes, K);
-        if (for_cpu_engine && hmm_kernel::pair_index_bytes(K, positions.size()) > 0) tree.layout.index_pairs();
+        if (index_pairs) tree.layout.index_pairs();
         trees.push_back(std::move(tree));
     }
     return failing;

@@ -1,6 +1,7 @@
 #include "trees/tree.h"
 
 #include <sstream>
+#include <utility>
 #include <vector>
 
 const std::string BadTreeDataException::m_message = "Bad tree data encountered at ";
@@ -16,8 +17,10 @@ std::string tree_error_detail(double position, std::string const& message) {
 }  // namespace
 
 BadTreeDataException::BadTreeDataException(double position, std::string const& message)
-    : run_failure(m_message + tree_error_detail(position, message), true),
-      detail(tree_error_detail(position, message)) {}
+    : BadTreeDataException(tree_error_detail(position, message)) {}
+
+BadTreeDataException::BadTreeDataException(std::string detail_)
+    : run_failure(m_message + detail_, true), detail(std::move(detail_)) {}
 
 namespace {
 

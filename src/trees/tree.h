@@ -28,6 +28,9 @@ public:
     static const std::string m_message;  // "Bad tree data encountered at "
     BadTreeDataException(double position, std::string const& message);
     std::string detail;  // position (6 significant digits), a blank, the message
+
+private:
+    explicit BadTreeDataException(std::string detail);
 };
 
 // Parses a tree text "<pos> <x>;<n>;a b,c d,...;" into tree (cleared first).
