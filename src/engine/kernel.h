@@ -54,9 +54,10 @@ double forward_first(int K, const double* h, const double* ecol, double* F, doub
 // each entry depends only on the same entry and the row sums) and its row
 // sums R (distinct from Rp). When the new total is below the limit, F and R
 // are divided by it; the returned total is the one before that division (the
-// next step uses it undivided).
+// next step uses it undivided). far_target: F lies far outside the caches (a
+// kept array), so its cache lines are asked for ahead of the writes.
 double forward_step(int K, double stay, double jump, const double* Fp, const double* Rp, double Tp,
-                    const double* h, const double* ecol, double* F, double* R);
+                    const double* h, const double* ecol, double* F, double* R, bool far_target = false);
 
 // Backward values of the last SNP: B = 1. With want_gamma (there is a SNP
 // before it), returns the total of E * B and writes its row sums to R; when
@@ -84,7 +85,7 @@ double weighted(int K, const double* B, const double* h, const double* ecol, dou
 // G_s = (transition of Gn) * E_s with row sums Rg_out (distinct from Rg);
 // returns the total, without rescaling (the caller rescales, see below).
 double gamma_step(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg, const double* h,
-                  const double* ecol, double* G, double* Rg_out);
+                  const double* ecol, double* G, double* Rg_out, bool far_target = false);
 // B_s = transition of Gn = E_{s+1} * B_{s+1}, no emission. When the total of
 // gamma_step is below the limit, the caller forms B_s with this, divides B_s
 // and the row sums by the total, and forms G_s again with weighted. When R is

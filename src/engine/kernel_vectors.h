@@ -15,6 +15,7 @@
 // with aa = a*a, ab = a*b, bbt = b*b*total, a = stay - jump, b = jump.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -148,6 +149,23 @@ KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
     }
     return total;
 }
+
+// Asks for an array that lies far outside the caches (a kept forward array)
+// some way ahead of a sweep over it, a cache line at a time: the hardware
+// alone fetches it too late for a sweep this busy. Before row i, call
+// before_row(i). Write: the sweep writes the array rather than reading it.
+template <bool Write>
+struct FetchAhead {
+    const double* x;
+    std::size_t n;
+    std::size_t fetched = 0;
+    static constexpr std::size_t ahead = 1536;  // doubles: about 12 KB
+    FetchAhead(const double* x_, int K) : x(x_), n(tri_size(K)) {}
+    KETRA_INLINE void before_row(int i) {
+        std::size_t const until = std::min(n, tri_offset(i) + ahead);
+        for (; fetched < until; fetched += 8) __builtin_prefetch(x + fetched, Write ? 1 : 0);
+    }
+};
 
 // Distance-based transition coefficients for carrying values to a position.
 inline Coefficients distance_coefficients(int K, double rate, double distance, double total) {

@@ -121,8 +121,8 @@ double forward_first(int K, const double* h, const double* ecol, double* F, doub
 }
 
 double forward_step(int K, double stay, double jump, const double* Fp, const double* Rp, double Tp,
-                                 const double* h, const double* ecol, double* F, double* R) {
-    double const total = gamma_step(K, stay, jump, Fp, Rp, Tp, h, ecol, F, R);
+                    const double* h, const double* ecol, double* F, double* R, bool far_target) {
+    double const total = gamma_step(K, stay, jump, Fp, Rp, Tp, h, ecol, F, R, far_target);
     if (total < underflow_limit) {
         divide(tri_size(K), F, total);
         divide(static_cast<std::size_t>(K), R, total);
@@ -168,11 +168,17 @@ KETRA_CLONES double backward_step(int K, double stay, double jump, const double*
 }
 
 KETRA_CLONES double gamma_step(int K, double stay, double jump, const double* Gn, const double* Rg, double Tg,
-                               const double* h, const double* ecol, double* G, double* Rg_out) {
+                               const double* h, const double* ecol, double* G, double* Rg_out, bool far_target) {
     Coefficients const c = coefficients(stay, jump, Tg);
-    return sweep(K, Rg_out, [&](int i) {
+    auto const row = [&](int i) {
         std::size_t const o = tri_offset(i);
         return TransitionRow<true>{Gn + o, G + o, Rg, h, RowEmission(h, ecol, i), c, Rg[i]};
+    };
+    if (!far_target) return sweep(K, Rg_out, row);
+    FetchAhead<true> fetch(G, K);
+    return sweep(K, Rg_out, [&](int i) {
+        fetch.before_row(i);
+        return row(i);
     });
 }
 

@@ -70,9 +70,11 @@ KETRA_CLONES void posterior_from(int K, double rate, double left_distance, doubl
                                  const double* F, const double* RF, double TF, const double* B, const double* RB,
                                  double TB, double* P, double* scratch, double* m) {
     double total;
+    FetchAhead<false> fetch(F, K);  // F is a kept forward array
     if (left_distance == 0.0 || right_distance == 0.0) {
         total = sweep<false>(K, nullptr, [&](int i) {
             std::size_t const o = tri_offset(i);
+            fetch.before_row(i);
             return ProductRow{F + o, B + o, P + o};
         });
     } else {
@@ -88,6 +90,7 @@ KETRA_CLONES void posterior_from(int K, double rate, double left_distance, doubl
         Coefficients const cb = distance_coefficients(K, rate, right_distance, TB);
         total = sweep<false>(K, nullptr, [&](int i) {
             std::size_t const o = tri_offset(i);
+            fetch.before_row(i);
             return CarriedProductRow{F + o, B + o, P + o, RF, RB, cf, cb, RF[i], RB[i]};
         });
     }

@@ -101,7 +101,7 @@ void Workspace::sweep(Panel const& panel, const std::uint8_t* genotypes, Checkpo
         Kept* const k = target(s);
         double* const F = k ? k->F.data() : f_.data();
         total = forward_step(K, panel.stay[s], panel.jump[s], Fp, Rp, total, panel.h(s),
-                             panel.emission[genotypes[s]], F, rf_[1 - r].data());
+                             panel.emission[genotypes[s]], F, rf_[1 - r].data(), k != nullptr);
         ++forward_steps_;
         r = 1 - r;
         finish(k, total, rf_[r].data());
