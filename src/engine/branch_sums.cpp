@@ -124,16 +124,16 @@ KETRA_INLINE void for_each_full_row(BranchLayout const& layout, const double* P,
     }
 }
 
-// out[k] = P[index[k]]; the pointers do not alias, so the loop becomes vector
-// gathers. Every tree has its own index, which is far outside the caches by
-// the time the next individual comes to it: it is asked for about 12 KB
-// ahead, a cache line at a time.
-KETRA_INLINE void gather(std::size_t n, const std::uint32_t* __restrict index, const double* __restrict P,
+// out[k] = P[index[k]] for the K(K+1)/2 entries of the copy; the pointers do
+// not alias, so the loop becomes vector gathers. Every tree has its own
+// index, far outside the caches by the time the next individual comes to it.
+KETRA_INLINE void gather(int K, const std::uint32_t* __restrict index, const double* __restrict P,
                          double* __restrict out) {
-    constexpr std::size_t line = 16, ahead = 3072;  // in indexes
+    FetchAhead<std::uint32_t> fetch(index, K);
+    std::size_t const n = tri_size(K), line = fetch.line;
     std::size_t k = 0;
     for (; k + line <= n; k += line) {
-        if (k + ahead < n) __builtin_prefetch(index + k + ahead);
+        fetch.until(k);
         for (std::size_t t = k; t < k + line; ++t) out[t] = P[index[t]];
     }
     for (; k < n; ++k) out[k] = P[index[k]];
@@ -248,7 +248,7 @@ KETRA_CLONES void branch_probabilities(BranchLayout const& layout, const double*
     }
     if (reordered) {
         if (!layout.pair_index.empty()) {
-            gather(layout.pair_index.size(), layout.pair_index.data(), P, reordered);
+            gather(K, layout.pair_index.data(), P, reordered);
         } else {
             thread_local std::vector<double> strip;
             reorder_pairs(layout, P, reordered, strip);

@@ -150,23 +150,26 @@ KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
     return total;
 }
 
-// Asks for an array that lies far outside the caches (a kept forward array)
-// some way ahead of a sweep over it, a cache line at a time: the hardware
-// alone fetches it too late for a sweep this busy. Before row i, call
-// before_row(i). Write: the sweep writes the array rather than reading it.
-// Only for K up to 1024: beyond, the sweep's other arrays are far out too, and
-// the requests slowed a K = 4000 run by 2 %.
-template <bool Write>
+// Asks for an array that lies far outside the caches (a kept forward array,
+// a tree's pair index) some way ahead of a sweep over it, a cache line at a
+// time: the hardware alone fetches it too late for a sweep this busy. The
+// array holds one entry per pair of K; before the sweep reaches entry k, call
+// until(k), or before row i, before_row(i). Write: the sweep writes the array
+// rather than reading it. Only for K up to 1024: beyond, the
+// sweep's other arrays are far out too, and the requests slowed a K = 4000
+// run by 2 %.
+template <class T, bool Write = false>
 struct FetchAhead {
-    const double* x;
+    static constexpr std::size_t line = 64 / sizeof(T), ahead = (12 << 10) / sizeof(T);  // in entries
+    const T* x;
     std::size_t n;
     std::size_t fetched;
-    static constexpr std::size_t ahead = 1536;  // doubles: about 12 KB
-    FetchAhead(const double* x_, int K) : x(x_), n(tri_size(K)), fetched(K <= 1024 ? 0 : n) {}
-    KETRA_INLINE void before_row(int i) {
-        std::size_t const until = std::min(n, tri_offset(i) + ahead);
-        for (; fetched < until; fetched += 8) __builtin_prefetch(x + fetched, Write ? 1 : 0);
+    FetchAhead(const T* x_, int K) : x(x_), n(tri_size(K)), fetched(K <= 1024 ? 0 : n) {}
+    KETRA_INLINE void until(std::size_t k) {
+        for (std::size_t const end = std::min(n, k + ahead); fetched < end; fetched += line)
+            __builtin_prefetch(x + fetched, Write ? 1 : 0);
     }
+    KETRA_INLINE void before_row(int i) { until(tri_offset(i)); }
 };
 
 // Distance-based transition coefficients for carrying values to a position.

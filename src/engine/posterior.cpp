@@ -70,7 +70,7 @@ KETRA_CLONES void posterior_from(int K, double rate, double left_distance, doubl
                                  const double* F, const double* RF, double TF, const double* B, const double* RB,
                                  double TB, double* P, double* scratch, double* m) {
     double total;
-    FetchAhead<false> fetch(F, K);  // F is a kept forward array
+    FetchAhead<double> fetch(F, K);  // F is a kept forward array
     if (left_distance == 0.0 || right_distance == 0.0) {
         total = sweep<false>(K, nullptr, [&](int i) {
             std::size_t const o = tri_offset(i);
