@@ -155,16 +155,16 @@ KETRA_INLINE double sweep(int K, double* R, MakeRow const& make_row) {
 // time: the hardware alone fetches it too late for a sweep this busy. The
 // array holds one entry per pair of K; before the sweep reaches entry k, call
 // until(k), or before row i, before_row(i). Write: the sweep writes the array
-// rather than reading it. Only for K up to 1024: beyond, the
-// sweep's other arrays are far out too, and the requests slowed a K = 4000
-// run by 2 %.
+// rather than reading it. Only up to max_K: beyond, the sweep's other arrays
+// are far out too, and the requests slowed a K = 4000 run by 2 %.
 template <class T, bool Write = false>
 struct FetchAhead {
     static constexpr std::size_t line = 64 / sizeof(T), ahead = (12 << 10) / sizeof(T);  // in entries
+    static constexpr int max_K = 1024;
     const T* x;
     std::size_t n;
     std::size_t fetched;
-    FetchAhead(const T* x_, int K) : x(x_), n(tri_size(K)), fetched(K <= 1024 ? 0 : n) {}
+    FetchAhead(const T* x_, int K) : x(x_), n(tri_size(K)), fetched(K <= max_K ? 0 : n) {}
     KETRA_INLINE void until(std::size_t k) {
         for (std::size_t const end = std::min(n, k + ahead); fetched < end; fetched += line)
             __builtin_prefetch(x + fetched, Write ? 1 : 0);
